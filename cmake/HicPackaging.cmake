@@ -1,0 +1,28 @@
+# What an installation places, and the Debian package made from it.
+include(GNUInstallDirs)
+
+install(TARGETS vn_hostinfo RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/vn_hostinfo.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/vn_hostinfo.service DESTINATION lib/systemd/system)
+# The daemon's fixed directories: the product's scripts (and the pid file)
+# and the log. They are absolute whatever the prefix.
+install(DIRECTORY DESTINATION /Vornal/install/otherTools
+        DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                              WORLD_READ WORLD_EXECUTE)
+install(DIRECTORY DESTINATION /opt/Vornal/log
+        DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                              WORLD_READ WORLD_EXECUTE)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME vn-hostinfo)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT "vn_hostinfo maintainers <maintainers@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "host information collector for storage arrays")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, tar, gzip, coreutils")
+set(CPACK_INSTALL_CMAKE_PROJECTS_COMPONENT "")
+include(CPack)

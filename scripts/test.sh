@@ -1,0 +1,61 @@
+#!/usr/bin/env bash
+# The whole test suite, as CI runs it: installs what is missing, checks the
+# formatting, builds the normal (warnings as errors), ASan+UBSan and TSan
+# configurations, runs every test in each, builds the fuzzers and benchmarks
+# and gives each fuzzer a short run, and runs clang-tidy over the daemon.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$PWD
+out=${HIC_BUILD_ROOT:-$root/build/ci}
+jobs=$(nproc)
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "dependencies"
+bash scripts/deps.sh
+
+step "clang-format"
+git ls-files '*.cc' '*.h' | xargs clang-format --dry-run -Werror
+
+configure() {  # dir, extra cmake args...
+  local dir=$1
+  shift
+  cmake -S "$root" -B "$dir" -G Ninja -DHIC_WERROR=ON "$@" >/dev/null
+}
+
+for cfg in release asan tsan; do
+  case $cfg in
+    release) args=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DHIC_BUILD_BENCH=ON) ;;
+    asan) args=(-DCMAKE_BUILD_TYPE=Debug -DHIC_SANITIZE=address) ;;
+    tsan) args=(-DCMAKE_BUILD_TYPE=Debug -DHIC_SANITIZE=thread) ;;
+  esac
+  step "build ($cfg)"
+  configure "$out/$cfg" "${args[@]}"
+  cmake --build "$out/$cfg" -j "$jobs"
+  step "tests ($cfg)"
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest --test-dir "$out/$cfg" --output-on-failure -j "$jobs" | tee "$out/$cfg/ctest.log"
+  n=$(sed -n 's/.*tests passed, 0 tests failed out of \([0-9]*\).*/\1/p' "$out/$cfg/ctest.log")
+  total=$((${total:-0} + ${n:-0}))
+done
+
+step "fuzzers (clang, ASan+UBSan, ${HIC_FUZZ_SECONDS:-30} s each)"
+configure "$out/fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHIC_BUILD_TESTS=OFF -DHIC_BUILD_FUZZ=ON \
+  -DHIC_SANITIZE=address -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+cmake --build "$out/fuzz" --target bounded_fuzz settings_fuzz -j "$jobs"
+for f in bounded settings; do
+  corpus=$out/fuzz/corpus-$f
+  mkdir -p "$corpus"
+  [ -d fuzz/corpus/$f ] && cp -n fuzz/corpus/$f/* "$corpus"/ 2>/dev/null || true
+  "$out/fuzz/fuzz/${f}_fuzz" -max_total_time="${HIC_FUZZ_SECONDS:-30}" -print_final_stats=0 "$corpus" \
+    >"$out/fuzz/$f.log" 2>&1 || { tail -40 "$out/fuzz/$f.log"; exit 1; }
+  grep -E '^Done|DONE' "$out/fuzz/$f.log" | tail -1 || true
+done
+
+step "clang-tidy (daemon sources)"
+git ls-files 'src/*.cc' | xargs -P "$jobs" -n 4 clang-tidy -p "$out/release" --quiet 2>/dev/null
+
+step "all configurations passed"
+echo "ctest: $total passed, 0 failed"

@@ -1,0 +1,20 @@
+// One collection task: a detached thread per array that asks the array
+// through up to four of its LUNs whether it wants a collection, and if so
+// starts the heartbeat, runs the script, uploads the result, and in every
+// case removes the workspace and hands the array back.
+#ifndef HIC_COLLECT_COLLECT_TASK_H
+#define HIC_COLLECT_COLLECT_TASK_H
+
+#include "inventory/lists.h"
+
+// LUNs of one array asked in one task, at most.
+constexpr int HIC_MAX_QUERY_LUNS = 4;
+
+// Reads the host address afresh into the record and starts the thread.
+int HIC_StartCollectTaskForArray(HIC_ArrayInfo* array);
+// Thread entry; arg is the HIC_ArrayInfo.
+void* HIC_CollectTaskThread(void* arg);
+int HIC_GetCollectScriptFromArray(HIC_ArrayInfo* array);
+int HIC_StartQueryCollectInfoByLun(const HIC_LunInfo* lun, HIC_ArrayInfo* array);
+
+#endif  // HIC_COLLECT_COLLECT_TASK_H

@@ -1,0 +1,29 @@
+// The workspace of one array's collection: the serial-number check, making
+// the directory and copying the scripts in, running the collection script
+// and the packing command, and removing the tree again.
+#ifndef HIC_COLLECT_WORKSPACE_H
+#define HIC_COLLECT_WORKSPACE_H
+
+#include <cstdint>
+
+#include "inventory/lists.h"
+
+constexpr const char* HIC_SCRIPT_DIR = "/Vornal/install/otherTools/";
+constexpr const char* HIC_WORKSPACE_ROOT = "/opt/Vornal/";
+constexpr const char* HIC_COLLECT_SCRIPT_ARG = "-scene upgrade";
+constexpr unsigned int HIC_WORKSPACE_MODE = 0600;
+constexpr uint32_t HIC_PATH_LEN = 256;
+constexpr uint32_t HIC_CHILD_PATH_LEN = 4096;
+
+// 0 when every character before the NUL or the bound is an ASCII letter or
+// digit: only such a serial number may enter a path or a shell command.
+int HIC_IsValidArraySn(const char* sn, uint32_t bound);
+int HIC_GetCollectFile(const HIC_ArrayInfo* array);
+void HIC_CreateDirectory(const char* path);
+void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array);
+// Removes a regular file, or a directory with everything below it. A
+// symbolic link is never followed and never removed, so a tree holding
+// one stays (with the link) and nothing outside it is touched.
+void HIC_DeleteFileByPath(const char* path);
+
+#endif  // HIC_COLLECT_WORKSPACE_H

@@ -1,0 +1,15 @@
+#include "core/daemon.h"
+
+#include <unistd.h>
+
+#include "collect/switch_poll.h"
+#include "inventory/vnadm_refresh.h"
+#include "log/log.h"
+
+void HIC_MainLoopPass() {
+    if (HIC_GetHostCollectSwitchInfo() != 0) {
+        HIC_LOG(HIC_LOG_ERROR, "get host collect switch info failed.\n");
+    }
+    (void)sleep(HIC_MAIN_LOOP_PERIOD);
+    HIC_RefreshLunAndArrayList();
+}

@@ -1,0 +1,99 @@
+#include "inventory/lists.h"
+
+#include <cstdlib>
+#include <cstddef>
+#include <new>
+#include <type_traits>
+
+#include "bounded/bounded.h"
+#include "log/log.h"
+
+HIC_ListHead HIC_LunListHead = {&HIC_LunListHead, &HIC_LunListHead};
+HIC_ListHead HIC_ArrayListHead = {&HIC_ArrayListHead, &HIC_ArrayListHead};
+
+void HIC_InitListHead(HIC_ListHead* head) {
+    head->prev = head;
+    head->next = head;
+}
+
+void HIC_ListAddTail(HIC_ListHead* node, HIC_ListHead* head) {
+    HIC_ListHead* last = head->prev;
+    last->next = node;
+    head->prev = node;
+    node->prev = last;
+    node->next = head;
+}
+
+void HIC_ListDel(HIC_ListHead* node) {
+    node->prev->next = node->next;
+    node->next->prev = node->prev;
+    node->next = nullptr;
+    node->prev = nullptr;
+}
+
+HIC_ListHead* HIC_GetLunListHead() { return &HIC_LunListHead; }
+
+namespace {
+
+// malloc, zero fill over the whole size, then begin the object's lifetime
+// (value-initialisation keeps every byte zero, atomics included).
+template <typename Record>
+Record* AllocZeroed() {
+    void* mem = std::malloc(sizeof(Record));
+    if (mem == nullptr) {
+        return nullptr;
+    }
+    (void)memset_s(mem, sizeof(Record), 0, sizeof(Record));
+    return new (mem) Record();
+}
+
+// Unlinks and frees every record of the list for which keep() is false.
+// The following record is taken before the current one is freed.
+template <typename Keep>
+void FreeListWhere(HIC_ListHead* head, Keep keep) {
+    HIC_ListHead* cur = head->next;
+    HIC_ListHead* following = cur->next;
+    while (cur != head) {
+        if (!keep(cur)) {
+            HIC_ListDel(cur);
+            std::free(cur);
+        }
+        cur = following;
+        following = cur->next;
+    }
+}
+
+}  // namespace
+
+HIC_LunInfo* HIC_AllocLunInfo() { return AllocZeroed<HIC_LunInfo>(); }
+
+HIC_ArrayInfo* HIC_AllocArrayInfo() { return AllocZeroed<HIC_ArrayInfo>(); }
+
+bool HIC_IsArrayReleased(const HIC_ArrayInfo* array) {
+    return array->taskState.load() == HIC_TASK_IDLE && array->heartBeatRunning.load() == 0 &&
+           array->collectRunning.load() == 0;
+}
+
+void HIC_FreeLunList() {
+    FreeListWhere(&HIC_LunListHead, [](HIC_ListHead*) { return false; });
+}
+
+void HIC_FreeArrayList() {
+    FreeListWhere(&HIC_ArrayListHead, [](HIC_ListHead* node) {
+        return !HIC_IsArrayReleased(reinterpret_cast<HIC_ArrayInfo*>(node));
+    });
+}
+
+void HIC_CleanUpLunInfoList(HIC_ListHead* head) {
+    if (head == nullptr) {
+        HIC_LOG(HIC_LOG_ERROR, "invalid argument \n");
+        return;
+    }
+    FreeListWhere(head, [](HIC_ListHead*) { return false; });
+}
+
+// A link pointer is its record's address only while the link comes first in
+// a standard-layout record.
+static_assert(std::is_standard_layout_v<HIC_LunInfo> && offsetof(HIC_LunInfo, list) == 0);
+static_assert(std::is_standard_layout_v<HIC_ArrayInfo> && offsetof(HIC_ArrayInfo, list) == 0);
+static_assert(std::atomic<int32_t>::is_always_lock_free);

@@ -1,0 +1,95 @@
+// LUN and array records and the circular doubly linked lists that hold
+// them. Records are appended at the tail and walked from the head's next,
+// so every walk sees them oldest first; that order is the tie-break
+// wherever several LUNs of one array could serve.
+#ifndef HIC_INVENTORY_LISTS_H
+#define HIC_INVENTORY_LISTS_H
+
+#include <atomic>
+#include <cstdint>
+
+// Link pair; every record begins with one, so a link pointer and a pointer
+// to its record are the same address.
+struct HIC_ListHead {
+    HIC_ListHead* prev;
+    HIC_ListHead* next;
+};
+
+// Stands in an identity field that could not be read from the device.
+constexpr const char* HIC_NO_VALUE = "--";
+
+constexpr int HIC_DEV_PATH_LEN = 256;
+constexpr int HIC_LUN_NAME_LEN = 257;
+constexpr int HIC_LUN_WWN_LEN = 257;
+constexpr int HIC_VENDOR_ID_LEN = 17;
+constexpr int HIC_ARRAY_NAME_LEN = 81;
+constexpr int HIC_ARRAY_SN_LEN = 21;
+constexpr int HIC_VERSION_LEN = 4;
+constexpr int HIC_HOST_IP_LEN = 16;
+
+struct HIC_LunInfo {
+    HIC_ListHead list;
+    char devPath[HIC_DEV_PATH_LEN];
+    char lunName[HIC_LUN_NAME_LEN];
+    char lunWwn[HIC_LUN_WWN_LEN];
+    char vendorId[HIC_VENDOR_ID_LEN];
+    char arrayName[HIC_ARRAY_NAME_LEN];
+    char arraySn[HIC_ARRAY_SN_LEN];
+};
+
+// State of an array's collection work; see HIC_ArrayInfo::taskState.
+enum HIC_TaskState : int32_t {
+    HIC_TASK_IDLE = 0,
+    HIC_TASK_QUERYING = 1,
+    HIC_TASK_COLLECTING = 2,
+    HIC_TASK_FINISHED = 3,
+};
+
+// One storage array. The main thread, the array's collection thread and
+// its heartbeat thread hand the record over through taskState,
+// heartBeatRunning and collectRunning without a lock, so all three are
+// atomics. collectRunning is 1 from just before the collection thread is
+// created until its very last step, after the workspace is gone: a new
+// task never starts while the old one still works in the same workspace.
+// A worker thread's last touch of the record is clearing its own flag;
+// from then on the main thread may free a released record.
+struct HIC_ArrayInfo {
+    HIC_ListHead list;
+    std::atomic<int32_t> taskState;
+    char arraySn[HIC_ARRAY_SN_LEN];
+    unsigned char versions[HIC_VERSION_LEN];
+    std::atomic<int32_t> heartBeatRunning;
+    unsigned char hostIp[HIC_HOST_IP_LEN];
+    unsigned char ipType;
+    std::atomic<int32_t> collectRunning;
+};
+
+// The two process-wide list heads; start-up makes both empty first.
+extern HIC_ListHead HIC_LunListHead;
+extern HIC_ListHead HIC_ArrayListHead;
+
+void HIC_InitListHead(HIC_ListHead* head);
+void HIC_ListAddTail(HIC_ListHead* node, HIC_ListHead* head);
+void HIC_ListDel(HIC_ListHead* node);
+HIC_ListHead* HIC_GetLunListHead();
+
+// Heap records, zero-filled over their whole size; nullptr when the heap
+// refuses. Release them with free() (the list-freeing operations do).
+HIC_LunInfo* HIC_AllocLunInfo();
+HIC_ArrayInfo* HIC_AllocArrayInfo();
+
+// True when no thread of the array holds the record: idle, no heartbeat,
+// no collection thread. Only then may a new task start or the record go.
+bool HIC_IsArrayReleased(const HIC_ArrayInfo* array);
+
+void HIC_FreeLunList();
+// Frees the array list after a failed build. Records still held by a
+// collection or heartbeat thread stay linked, so those threads never see
+// freed memory; the next build finds them by serial number and adds none
+// twice.
+void HIC_FreeArrayList();
+// Frees every record of a temporary list whose records begin with their
+// link; the head itself stays, empty.
+void HIC_CleanUpLunInfoList(HIC_ListHead* head);
+
+#endif  // HIC_INVENTORY_LISTS_H

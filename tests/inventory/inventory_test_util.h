@@ -1,0 +1,222 @@
+// Helpers shared by the inventory tests that run against the virtual array
+// inside the host sandbox: views of the two lists, the stand-in management
+// tool's listing, and the array's records.
+#ifndef HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H
+#define HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "client.h"
+#include "inventory/lists.h"
+#include "support/sandbox_test.h"
+
+namespace inv_test {
+
+constexpr const char* kListingPath = "/run/vnadmin/show_vlun";
+constexpr const char* kCallsPath = "/run/vnadmin/calls";
+
+// Everything a LUN record holds, for exact comparison.
+struct LunView {
+    std::string devPath;
+    std::string vendorId;
+    std::string lunName;
+    std::string lunWwn;
+    std::string arrayName;
+    std::string arraySn;
+    bool operator==(const LunView&) const = default;
+};
+
+inline std::ostream& operator<<(std::ostream& os, const LunView& v) {
+    return os << "{" << v.devPath << ", " << v.vendorId << ", " << v.lunName << ", " << v.lunWwn
+              << ", " << v.arrayName << ", " << v.arraySn << "}";
+}
+
+inline std::vector<HIC_LunInfo*> LunRecords() {
+    std::vector<HIC_LunInfo*> out;
+    for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
+        out.push_back(reinterpret_cast<HIC_LunInfo*>(p));
+    }
+    return out;
+}
+
+inline std::vector<LunView> LunViews() {
+    std::vector<LunView> out;
+    for (const HIC_LunInfo* l : LunRecords()) {
+        out.push_back({l->devPath, l->vendorId, l->lunName, l->lunWwn, l->arrayName, l->arraySn});
+    }
+    return out;
+}
+
+inline std::vector<std::string> DevPaths() {
+    std::vector<std::string> out;
+    for (const HIC_LunInfo* l : LunRecords()) {
+        out.emplace_back(l->devPath);
+    }
+    return out;
+}
+
+inline std::vector<HIC_ArrayInfo*> ArrayRecords() {
+    std::vector<HIC_ArrayInfo*> out;
+    for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
+        out.push_back(reinterpret_cast<HIC_ArrayInfo*>(p));
+    }
+    return out;
+}
+
+inline std::vector<std::string> ArraySerials() {
+    std::vector<std::string> out;
+    for (const HIC_ArrayInfo* a : ArrayRecords()) {
+        out.emplace_back(a->arraySn);
+    }
+    return out;
+}
+
+// Empties both process-wide lists, releasing records a test left busy so
+// that nothing outlives the test (the leak checker sees every record).
+inline void ResetLists() {
+    for (HIC_ArrayInfo* a : ArrayRecords()) {
+        a->taskState = HIC_TASK_IDLE;
+        a->heartBeatRunning = 0;
+        a->collectRunning = 0;
+    }
+    HIC_FreeArrayList();
+    HIC_FreeLunList();
+    HIC_InitListHead(&HIC_LunListHead);
+    HIC_InitListHead(&HIC_ArrayListHead);
+}
+
+// The listing "vnadmin show vlun type=all" prints; nullptr removes it, so
+// the tool prints nothing.
+inline void SetListing(const char* text) {
+    hic_test::MakeDirs("/run/vnadmin");
+    if (text == nullptr) {
+        (void)std::remove(kListingPath);
+        return;
+    }
+    hic_test::WriteFile(kListingPath, text);
+}
+
+inline void SetListing(const std::string& text) {
+    SetListing(text.c_str());
+}
+
+// The LUN's WWN as the daemon renders it: page 0x83 bytes 8-23 in
+// lowercase hex.
+inline std::string WwnOf(vnarray::Client& client, const std::string& dev) {
+    const vnarray::Bytes page = client.Page(dev, "83");
+    std::string out;
+    char pair[3];
+    for (size_t i = 8; i < 24 && i < page.size(); ++i) {
+        std::snprintf(pair, sizeof(pair), "%02x", page[i]);
+        out += pair;
+    }
+    return out;
+}
+
+// Entry names of /sys/block in the order readdir yields them.
+inline std::vector<std::string> SysBlockOrder() {
+    std::vector<std::string> out;
+    DIR* dir = ::opendir("/sys/block");
+    if (dir == nullptr) {
+        return out;
+    }
+    while (const dirent* e = ::readdir(dir)) {  // NOLINT(concurrency-mt-unsafe)
+        const std::string name = e->d_name;
+        if (name != "." && name != "..") {
+            out.push_back(name);
+        }
+    }
+    ::closedir(dir);
+    return out;
+}
+
+// Opens (not closes) the array saw, per LUN, as access modes; a failed
+// open is shown as "fail".
+inline std::map<std::string, std::vector<std::string>> OpensByLun(vnarray::Client& client) {
+    std::map<std::string, std::vector<std::string>> out;
+    for (const vnarray::OpenRecord& r : client.Opens()) {
+        if (r.close) {
+            continue;
+        }
+        std::string mode = r.flags == O_RDONLY ? "ro" : r.flags == O_RDWR ? "rw" : "other";
+        out[r.lun].push_back(r.err != 0 ? "fail" : mode);
+    }
+    return out;
+}
+
+// One summary per command: "lun op page alloc flags", e.g.
+// "sdb 12 c8 512 ro".
+inline std::vector<std::string> CommandSummaries(vnarray::Client& client) {
+    std::vector<std::string> out;
+    for (const vnarray::CommandRecord& r : client.Commands()) {
+        char buf[96];
+        const unsigned page = r.cdb.size() > 2 ? r.cdb[2] : 0;
+        const unsigned alloc =
+            r.cdb.size() > 4 ? (static_cast<unsigned>(r.cdb[3]) << 8) | r.cdb[4] : 0;
+        std::snprintf(buf, sizeof(buf), "%s %02x %02x %u %s", r.lun.c_str(),
+                      r.cdb.empty() ? 0U : r.cdb[0], page, alloc,
+                      r.open_flags == O_RDONLY ? "ro" : "rw");
+        out.emplace_back(buf);
+    }
+    return out;
+}
+
+// The five INQUIRY commands of an accepted disk: the vendor check, then
+// name, WWN, array name and serial number.
+inline std::vector<std::string> DiscoveryCommands(const std::string& dev) {
+    return {dev + " 12 00 36 ro", dev + " 12 c8 512 ro", dev + " 12 83 24 ro",
+            dev + " 12 c8 512 ro", dev + " 12 80 28 ro"};
+}
+
+// The four identity INQUIRY commands of HIC_GetDevInfo.
+inline std::vector<std::string> IdentityCommands(const std::string& dev) {
+    return {dev + " 12 c8 512 ro", dev + " 12 83 24 ro", dev + " 12 c8 512 ro",
+            dev + " 12 80 28 ro"};
+}
+
+// A suite-wide virtual array, started once: starting one per test would
+// cost more than the tests themselves.
+class RigSuite : public hic_test::SandboxTest {
+  protected:
+    static void StartRig(const char* config) {
+        rig_ = std::make_unique<vnarray::Rig>(config);
+        rig_->Start();
+    }
+    static void StopRig() {
+        if (rig_) {
+            EXPECT_EQ(rig_->Stop(), 0);
+            rig_.reset();
+        }
+    }
+    void SetUp() override {
+        hic_test::SandboxTest::SetUp();
+        ASSERT_TRUE(rig_) << "the virtual array did not start";
+        ResetLists();
+        client().ClearFaults();
+        client().Reset();
+        SetListing(nullptr);
+        (void)std::remove(kCallsPath);
+    }
+    void TearDown() override {
+        ResetLists();
+        hic_test::SandboxTest::TearDown();
+    }
+    static vnarray::Client& client() { return rig_->client(); }
+
+    // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
+    static inline std::unique_ptr<vnarray::Rig> rig_;
+};
+
+}  // namespace inv_test
+
+#endif  // HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H

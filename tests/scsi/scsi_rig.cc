@@ -1,0 +1,127 @@
+#include "scsi_rig.h"
+
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <utility>
+
+namespace hic_test {
+namespace {
+
+constexpr const char* kConfig = R"({
+  "arrays": [{"sn": "ARRAY0001", "name": "array-one", "major": 3, "minor": 0}],
+  "luns": [{"dev": "sdb", "array": "ARRAY0001", "name": "lun-b"},
+           {"dev": "sdc", "array": "ARRAY0001", "name": "lun-c"}]
+})";
+
+std::unique_ptr<vnarray::Rig>& TheRig() {
+    static std::unique_ptr<vnarray::Rig> rig;
+    return rig;
+}
+
+// Stops the array once every test has run, so that its mounts go first.
+class RigEnvironment : public ::testing::Environment {
+  public:
+    void TearDown() override {
+        if (TheRig()) {
+            EXPECT_EQ(TheRig()->Stop(), 0);
+            TheRig().reset();
+        }
+    }
+};
+
+// gtest's registration idiom; an allocation failure this early ends the run.
+// NOLINTNEXTLINE(cert-err58-cpp)
+[[maybe_unused]] ::testing::Environment* const kRigEnvironment =
+    ::testing::AddGlobalTestEnvironment(new RigEnvironment);
+
+}  // namespace
+
+vnarray::Client& Array() {
+    std::unique_ptr<vnarray::Rig>& rig = TheRig();
+    if (!rig) {
+        auto started = std::make_unique<vnarray::Rig>(kConfig);
+        started->Start();
+        rig = std::move(started);
+    }
+    return rig->client();
+}
+
+void ScsiRigTest::SetUp() {
+    SandboxTest::SetUp();
+    Array().ClearFaults();
+    Array().Reset();
+}
+
+ScopedLun::ScopedLun(Json fields) {
+    if (!fields.contains("dev")) {
+        fields["dev"] = kCaseDev;
+    }
+    if (!fields.contains("array")) {
+        fields["array"] = kArraySn;
+    }
+    dev_ = fields["dev"].get<std::string>();
+    Array().AddLun(fields);
+}
+
+ScopedLun::~ScopedLun() {
+    try {
+        Array().RemoveLun(dev_);
+    } catch (const std::exception& e) {
+        ADD_FAILURE() << "cannot remove " << dev_ << ": " << e.what();
+    }
+}
+
+std::string SpacedHex(const unsigned char* data, size_t len) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (size_t i = 0; i < len; ++i) {
+        if (i != 0) {
+            out += ' ';
+        }
+        out += kDigits[data[i] >> 4U];
+        out += kDigits[data[i] & 0x0FU];
+    }
+    return out;
+}
+
+std::string SpacedHex(const Bytes& bytes) {
+    return SpacedHex(bytes.data(), bytes.size());
+}
+
+Bytes Hex(const std::string& text) {
+    auto bytes = vnarray::FromHex(text);
+    if (!bytes) {
+        throw std::invalid_argument("bad hex: " + text);
+    }
+    return *bytes;
+}
+
+std::vector<CommandRecord> Commands() {
+    return Array().Commands();
+}
+
+std::vector<OpenSeen> Opens() {
+    std::vector<OpenSeen> out;
+    for (const vnarray::OpenRecord& r : Array().Opens()) {
+        if (!r.close) {
+            out.push_back({r.flags, r.err, r.lun});
+        }
+    }
+    return out;
+}
+
+void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, uint32_t dxferLen) {
+    EXPECT_EQ(rec.interface_id, 'S');
+    EXPECT_EQ(rec.dxfer_direction, direction);
+    EXPECT_EQ(rec.cmd_len, cmdLen);
+    EXPECT_EQ(rec.mx_sb_len, 96);
+    EXPECT_EQ(rec.dxfer_len, dxferLen);
+    EXPECT_EQ(rec.timeout, 30U);  // milliseconds
+    EXPECT_EQ(rec.flags, 0U);
+    EXPECT_EQ(rec.iovec_count, 0);
+    EXPECT_EQ(rec.pack_id, 0);
+    EXPECT_FALSE(rec.usr_ptr);
+}
+
+}  // namespace hic_test

@@ -1,0 +1,242 @@
+#include "settings/settings_file.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "settings_test_util.h"
+
+namespace {
+
+using hic_test::LoggedMessages;
+using SandboxTest = hic_test::SettingsTest;
+using hic_test::WriteSettings;
+
+constexpr int32_t kLen = HIC_HOST_INFO_LINE_LEN;
+
+// A zero-filled 256-byte buffer holding text, as the reader hands it over.
+std::vector<char> LineBuffer(const std::string& text, size_t size = kLen) {
+    std::vector<char> buf(size, '\0');
+    std::memcpy(buf.data(), text.data(), std::min(text.size(), size));
+    return buf;
+}
+
+struct FileCase {
+    const char* name;
+    std::string content;  // null for "no settings file at all"
+    bool present;
+    int32_t rc;
+    std::string ip;    // text of the address buffer, up to its NUL
+    std::string type;  // exact bytes of the type buffer before the zero fill
+    std::string log;
+};
+
+const std::string kX250(250, 'x');
+
+const FileCase kFileCases[] = {
+    {"Plain", "IpType=IPv4;\nIpAddress=10.10.1.20;\n", true, 0, "10.10.1.20", "IPv4", ""},
+    {"AddressLineFirst", "IpAddress=fe80::1;\nIpType=IPv6;\n", true, 0, "fe80::1", "IPv6", ""},
+    {"AddressBlanksTrimmed", "IpType=IPv4;\nIpAddress= 10.0.0.1 ;\n", true, 0, "10.0.0.1", "IPv4",
+     ""},
+    {"AllWhiteSpaceKindsTrimmed", "IpType=IPv4;\nIpAddress=\t\v\f\r 10.0.0.1\t\r ;\n", true, 0,
+     "10.0.0.1", "IPv4", ""},
+    {"TypeKeptUntrimmed", "IpType= IPv4 ;\nIpAddress=1.2.3.4;\n", true, 0, "1.2.3.4", " IPv4 ", ""},
+    {"TextAfterSemicolonIgnored", "IpType=IPv6; x=y;\nIpAddress=::1;trailing\n", true, 0, "::1",
+     "IPv6", ""},
+    {"NoTrailingNewline", "IpType=IPv4;\nIpAddress=1.2.3.4;", true, 0, "1.2.3.4", "IPv4", ""},
+    {"CommentedLineWins", "#IpType=IPv6;\nIpType=IPv4;\nIpAddress=1.2.3.4;\n", true, 0, "1.2.3.4",
+     "IPv6", ""},
+    {"KeyIsSubstring", "MyIpType=IPv6;\nIpAddress=1.2.3.4;\n", true, 0, "1.2.3.4", "IPv6", ""},
+    {"KeyIsCaseSensitive", "iptype=IPv6;\nIpType=IPv4;\nIpAddress=1.2.3.4;\n", true, 0, "1.2.3.4",
+     "IPv4", ""},
+    {"ValueFromFirstEquals", "X=1 IpType=IPv4;\nIpAddress=1.2.3.4;\n", true, 0, "1.2.3.4",
+     "1 IpType=IPv4", ""},
+    {"SemicolonBeforeEqualsNotUsed", ";IpType=IPv4;\nIpAddress=1.2.3.4;\n", true, 0, "1.2.3.4",
+     "IPv4", ""},
+    {"WhiteSpaceOnlyAddressIsEmpty", "IpType=IPv4;\nIpAddress= \t ;\n", true, 0, "", "IPv4", ""},
+    {"EmptyAddressFails", "IpType=IPv4;\nIpAddress=;\n", true, -1, "", "IPv4", ""},
+    {"BlankBeforeEqualsIsNoKey", "IpType=IPv4;\nIpAddress = 10.0.0.1;\n", true, -1, "", "IPv4",
+     "ERR HIC_GetIpAndType: Read IpAddress failed.\n"},
+    {"NoTypeLine", "IpAddress=1.2.3.4;\n", true, -1, "", "",
+     "ERR HIC_GetIpAndType: Read IpType failed.\n"},
+    {"EmptyFile", "", true, -1, "", "", "ERR HIC_GetIpAndType: Read IpType failed.\n"},
+    {"MissingFile", "", false, -1, "", "",
+     "ERR HIC_ReadFileByLine: fopen /etc/vn.hostinfo file error.\n"
+     "ERR HIC_GetIpAndType: Read IpType failed.\n"},
+    {"TypeWithoutSemicolon", "IpType=IPv4\nIpAddress=1.2.3.4;\n", true, -1, "", "",
+     "ERR HIC_GetValueFromLine: No \";\" found in line {IpType=IPv4\n}.\n"},
+    {"LastLineWithoutSemicolonOrNewline", "IpType=IPv4;\nIpAddress=1.2.3.4", true, -1, "", "IPv4",
+     "ERR HIC_GetValueFromLine: No \";\" found in line {IpAddress=1.2.3.4}.\n"},
+    // 250 + 5 characters fill the first piece: the key is cut after "IpTyp"
+    // and neither piece holds it, so the next line is the type line.
+    {"KeySplitAcrossPieces", kX250 + "IpType=IPv4;\nIpType=IPv6;\nIpAddress=::1;\n", true, 0, "::1",
+     "IPv6", ""},
+    {"KeySplitAndNoOtherLine", kX250 + "IpType=IPv4;\nIpAddress=::1;\n", true, -1, "", "",
+     "ERR HIC_GetIpAndType: Read IpType failed.\n"},
+    // The key ends on character 255: found, but the ";" lies in the next piece.
+    {"KeyEndsThePiece", std::string(248, 'x') + "IpType=IPv4;\nIpAddress=::1;\n", true, -1, "", "",
+     "ERR HIC_GetValueFromLine: No \";\" found in line {" + std::string(248, 'x') + "IpType=}.\n"},
+    // The rest of a long line is a piece, and a line, of its own.
+    {"SecondPieceIsALine", std::string(255, 'x') + "IpType=IPv6;\nIpAddress=::1;\n", true, 0, "::1",
+     "IPv6", ""},
+    {"LineOf255EndsAtNewline", std::string(254, 'x') + "\nIpType=IPv4;\nIpAddress=1.2.3.4;\n", true,
+     0, "1.2.3.4", "IPv4", ""},
+};
+
+class GetIpAndTypeTest : public SandboxTest, public ::testing::WithParamInterface<FileCase> {};
+
+TEST_P(GetIpAndTypeTest, ReadsBothValues) {
+    const FileCase& c = GetParam();
+    if (c.present) {
+        WriteSettings(c.content);
+    }
+    std::vector<char> ip(kLen, '\0');
+    std::vector<char> type(kLen, '\0');
+    EXPECT_EQ(HIC_GetIpAndType(ip.data(), type.data(), kLen), c.rc);
+    EXPECT_EQ(std::string(ip.data()), c.ip);
+    // The type is copied without a terminator: the zero fill behind it stays.
+    std::string expectedType = c.type;
+    expectedType.resize(kLen, '\0');
+    EXPECT_EQ(std::string(type.data(), type.size()), expectedType);
+    EXPECT_EQ(LoggedMessages(), c.log);
+}
+
+INSTANTIATE_TEST_SUITE_P(Grammar, GetIpAndTypeTest, ::testing::ValuesIn(kFileCases),
+                         hic_test::CaseName());
+
+TEST_F(SandboxTest, GetIpAndTypeRefusesBadArguments) {
+    WriteSettings("IpType=IPv4;\nIpAddress=1.2.3.4;\n");
+    std::vector<char> ip(kLen, '\0');
+    std::vector<char> type(kLen, '\0');
+    EXPECT_EQ(HIC_GetIpAndType(ip.data(), type.data(), 0), -1);
+    EXPECT_EQ(HIC_GetIpAndType(ip.data(), type.data(), -5), -1);
+    EXPECT_EQ(HIC_GetIpAndType(nullptr, type.data(), kLen), -1);
+    EXPECT_EQ(HIC_GetIpAndType(ip.data(), nullptr, kLen), -1);
+    EXPECT_EQ(LoggedMessages(), "");
+}
+
+// The reader hands over the whole working buffer: the piece, then zeros up
+// to size, and nothing beyond size.
+TEST_F(SandboxTest, ReadFileByLineCopiesExactlySizeBytes) {
+    WriteSettings("first line\nsecond KEY= line\nthird KEY=\n");
+    std::vector<char> out(kLen + 16, '\xAA');
+    ASSERT_EQ(HIC_ReadFileByLine(HIC_HOST_INFO_PATH, "KEY=", out.data(), kLen), 0);
+    std::string expected = "second KEY= line\n";
+    expected.resize(kLen, '\0');
+    expected.append(16, '\xAA');
+    EXPECT_EQ(std::string(out.data(), out.size()), expected);
+}
+
+// The size also sets the piece length: size 8 reads pieces of 7 characters.
+TEST_F(SandboxTest, ReadFileByLinePieceFollowsSize) {
+    WriteSettings("abcdefgKEY\nKEYxxxxxxx\n");
+    std::vector<char> out(8, '\xAA');
+    ASSERT_EQ(HIC_ReadFileByLine(HIC_HOST_INFO_PATH, "KEY", out.data(), 8), 0);
+    EXPECT_EQ(std::string(out.data(), out.size()), std::string("KEY\n\0\0\0\0", 8));
+    // "KEYxxxx" only comes after "abcdefg" and "KEY\n": the first match wins.
+    WriteSettings("abcdefKEYxxxx\n");
+    ASSERT_EQ(HIC_ReadFileByLine(HIC_HOST_INFO_PATH, "KEY", out.data(), 8), -1);
+    EXPECT_EQ(LoggedMessages(), "");
+}
+
+TEST_F(SandboxTest, ReadFileByLineMissingFileLogsPath) {
+    std::vector<char> out(kLen, '\xAA');
+    EXPECT_EQ(HIC_ReadFileByLine("/etc/no.such.file", "KEY", out.data(), kLen), -1);
+    EXPECT_EQ(std::string(out.data(), out.size()), std::string(kLen, '\xAA'));
+    EXPECT_EQ(LoggedMessages(), "ERR HIC_ReadFileByLine: fopen /etc/no.such.file file error.\n");
+}
+
+struct ValueCase {
+    const char* name;
+    std::string line;
+    int32_t size;
+    int32_t rc;
+    std::string value;  // bytes written into the 'Z'-filled output
+    std::string log;
+};
+
+const ValueCase kValueCases[] = {
+    {"Simple", "a=b;c", kLen, 0, "b", ""},
+    {"EmptyValueWritesNothing", "a=;", kLen, 0, "", ""},
+    {"SecondEqualsIsPartOfValue", "a=b=c;", kLen, 0, "b=c", ""},
+    {"SemicolonBeforeEqualsSkipped", "a;b=c;d", kLen, 0, "c", ""},
+    {"BlanksKept", "k= v ;", kLen, 0, " v ", ""},
+    {"NoEquals", "abc;", kLen, -1, "",
+     "ERR HIC_GetValueFromLine: No \"=\" found in line {abc;}.\n"},
+    {"NoSemicolon", "a=bc", kLen, -1, "",
+     "ERR HIC_GetValueFromLine: No \";\" found in line {a=bc}.\n"},
+    // The scan stays below size: ";" at index 5 is out of reach of size 5.
+    {"SemicolonJustBeyondSize", "ab=cd;", 5, -1, "",
+     "ERR HIC_GetValueFromLine: No \";\" found in line {ab=cd;}.\n"},
+    {"SemicolonLastInSize", "ab=cd;", 6, 0, "cd", ""},
+    {"EqualsJustBeyondSize", "abc=;", 3, -1, "",
+     "ERR HIC_GetValueFromLine: No \"=\" found in line {abc=;}.\n"},
+};
+
+class GetValueFromLineTest : public SandboxTest, public ::testing::WithParamInterface<ValueCase> {};
+
+TEST_P(GetValueFromLineTest, CopiesValueWithoutTerminator) {
+    const ValueCase& c = GetParam();
+    const std::vector<char> line = LineBuffer(c.line);
+    std::vector<char> out(kLen, 'Z');
+    EXPECT_EQ(HIC_GetValueFromLine(line.data(), out.data(), c.size), c.rc);
+    std::string expected = c.value;
+    expected.resize(kLen, 'Z');
+    EXPECT_EQ(std::string(out.data(), out.size()), expected);
+    EXPECT_EQ(LoggedMessages(), c.log);
+}
+
+INSTANTIATE_TEST_SUITE_P(Lines, GetValueFromLineTest, ::testing::ValuesIn(kValueCases),
+                         hic_test::CaseName());
+
+struct TrimCase {
+    const char* name;
+    std::string text;
+    int32_t rc;
+    std::string result;
+};
+
+const TrimCase kTrimCases[] = {
+    {"Empty", "", -1, ""},
+    {"NothingToTrim", "abc", 0, "abc"},
+    {"BothSides", "  a b  ", 0, "a b"},
+    {"EveryWhiteSpaceKind", "\t\n\v\f\r x\r\n\f\v\t ", 0, "x"},
+    {"WhiteSpaceOnly", " \t\r\n", 0, ""},
+    {"OtherControlKept",
+     "\x1c"
+     "a\x1c",
+     0,
+     "\x1c"
+     "a\x1c"},
+    {"SingleChar", "z", 0, "z"},
+};
+
+class StringTrimTest : public SandboxTest, public ::testing::WithParamInterface<TrimCase> {};
+
+TEST_P(StringTrimTest, TrimsInPlace) {
+    const TrimCase& c = GetParam();
+    std::vector<char> buf = LineBuffer(c.text, 32);
+    EXPECT_EQ(HIC_StringTrim(buf.data(), 32), c.rc);
+    EXPECT_EQ(std::string(buf.data()), c.result);
+    EXPECT_EQ(LoggedMessages(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Texts, StringTrimTest, ::testing::ValuesIn(kTrimCases),
+                         hic_test::CaseName());
+
+TEST_F(SandboxTest, StringTrimRefusesNull) {
+    EXPECT_EQ(HIC_StringTrim(nullptr, kLen), -1);
+}
+
+// A text filling its buffer without a terminator is trimmed within the
+// buffer: the vector has no spare byte, so ASan sees any access beyond it.
+TEST_F(SandboxTest, StringTrimStaysInsideBuffer) {
+    std::vector<char> buf = {' ', ' ', 'a', 'b', ' '};
+    EXPECT_EQ(HIC_StringTrim(buf.data(), static_cast<int32_t>(buf.size())), 0);
+    EXPECT_EQ(std::string(buf.data(), 2), "ab");
+}
+
+}  // namespace
