@@ -91,7 +91,7 @@ Sample Measure(pid_t pid) {
 
 // The host as the daemon expects it, the virtual array, and the daemon.
 class Host {
-public:
+  public:
     Host() {
         (void)std::system("mkdir -p /opt/Vornal/log /Vornal/install/otherTools /run/vnadmin");
         (void)std::remove(kLog);
@@ -104,8 +104,10 @@ public:
         Put("/run/vnadmin/show_version", "Driver 31.1.0\n");
         Put("/run/vnadmin/show_vlun", "0 sdb 0 6e000000000000000000000000000001 Normal\n");
         rig_.Start();
-        const std::string cmd = std::string("env LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1") +
-                                " FAKETIME='+0 x" + std::to_string(static_cast<int>(kSpeed)) + "' /usr/sbin/vn_hostinfo";
+        const std::string cmd =
+            std::string("env LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1") +
+            " FAKETIME='+0 x" + std::to_string(static_cast<int>(kSpeed)) +
+            "' /usr/sbin/vn_hostinfo";
         if (std::system(cmd.c_str()) != 0 || !WaitFor([&] { return ReadPid() > 0; }, 10)) {
             std::fprintf(stderr, "the daemon did not start; is it installed in this sandbox?\n");
             std::exit(1);
@@ -122,7 +124,7 @@ public:
     pid_t pid() const { return pid_; }
     vnarray::Client& array() { return rig_.client(); }
 
-private:
+  private:
     static pid_t ReadPid() {
         const std::string text = Slurp(kPidFile);
         return text.empty() ? -1 : static_cast<pid_t>(std::atol(text.c_str()));
@@ -193,7 +195,8 @@ void BM_Collections(benchmark::State& state) {
         // Growth shows as a difference between the second half and the first.
         state.counters["rss_kib_half"] = static_cast<double>(half.rssKib);
         state.counters["collections"] = done;
-        state.counters["cpu_ms_per_collection"] = (after.cpuSeconds - before.cpuSeconds) * 1e3 / done;
+        state.counters["cpu_ms_per_collection"] =
+            (after.cpuSeconds - before.cpuSeconds) * 1e3 / done;
     }
 }
 

@@ -1,7 +1,7 @@
 #include "collect/result_upload.h"
 
-#include <ctime>
 #include <cstring>
+#include <ctime>
 
 #include "base/handles.h"
 #include "bounded/bounded.h"
@@ -21,15 +21,15 @@ constexpr uint32_t kIpTypeOffset = 28;
 
 // Holds the upload mutex for one scope.
 class ResultWriteLock {
-public:
+  public:
     ResultWriteLock() { (void)pthread_mutex_lock(&HIC_ResultWriteMutex); }
     ~ResultWriteLock() { (void)pthread_mutex_unlock(&HIC_ResultWriteMutex); }
     ResultWriteLock(const ResultWriteLock&) = delete;
     ResultWriteLock& operator=(const ResultWriteLock&) = delete;
 };
 
-int SendChunk(int fd, FILE* file, unsigned char* buf, const HIC_ArrayInfo* array, long size, long offset,
-              uint32_t n) {
+int SendChunk(int fd, FILE* file, unsigned char* buf, const HIC_ArrayInfo* array, long size,
+              long offset, uint32_t n) {
     (void)memset_s(buf, HIC_RESULT_BUF_LEN, 0, HIC_RESULT_BUF_LEN);
     HIC_BuildResultBufHeader(buf, HIC_RESULT_BUF_LEN, array, size);
     return HIC_GetFileBufAndWriteToArray(fd, file, buf, offset, n);
@@ -37,7 +37,8 @@ int SendChunk(int fd, FILE* file, unsigned char* buf, const HIC_ArrayInfo* array
 
 }  // namespace
 
-void HIC_BuildResultBufHeader(unsigned char* buf, uint32_t len, const HIC_ArrayInfo* array, long size) {
+void HIC_BuildResultBufHeader(unsigned char* buf, uint32_t len, const HIC_ArrayInfo* array,
+                              long size) {
     const auto s = static_cast<uint32_t>(size);
     buf[0] = 0x00;
     buf[1] = 0x81;
@@ -70,7 +71,8 @@ int HIC_GetFileBufAndWriteToArray(int fd, FILE* file, unsigned char* buf, long o
         HIC_LOG(HIC_LOG_ERROR, "copy buffer failed.\n");
         return -1;
     }
-    if (HIC_DoWriteBufToArray(fd, buf, HIC_RESULT_HEADER_LEN + n, static_cast<int32_t>(offset)) == 0) {
+    if (HIC_DoWriteBufToArray(fd, buf, HIC_RESULT_HEADER_LEN + n, static_cast<int32_t>(offset)) ==
+        0) {
         HIC_LOG(HIC_LOG_INFO, "Write to array Offset %ld success.\n", offset);
         return 0;
     }
@@ -94,8 +96,8 @@ int HIC_WriteResultFileBufToArray(int fd, const HIC_ArrayInfo* array, const char
     if (size > HIC_RESULT_MAX_SIZE) {
         // The header's size field and the command's offset are signed 32-bit:
         // refuse rather than send wrapped values.
-        HIC_LOG(HIC_LOG_ERROR, "result file of %ld bytes is too large, the limit is %ld bytes.\n", size,
-                HIC_RESULT_MAX_SIZE);
+        HIC_LOG(HIC_LOG_ERROR, "result file of %ld bytes is too large, the limit is %ld bytes.\n",
+                size, HIC_RESULT_MAX_SIZE);
         return -1;
     }
     hic::HeapBuffer buffer(HIC_RESULT_BUF_LEN);
@@ -112,7 +114,8 @@ int HIC_WriteResultFileBufToArray(int fd, const HIC_ArrayInfo* array, const char
         offset += HIC_RESULT_CHUNK_LEN;
     }
     const long rest = size - offset;
-    const auto last = static_cast<uint32_t>(rest < static_cast<long>(HIC_RESULT_CHUNK_LEN) ? rest : HIC_RESULT_CHUNK_LEN);
+    const auto last = static_cast<uint32_t>(
+        rest < static_cast<long>(HIC_RESULT_CHUNK_LEN) ? rest : HIC_RESULT_CHUNK_LEN);
     return SendChunk(fd, file.Get(), buf, array, size, offset, last);
 }
 
@@ -157,11 +160,13 @@ void HIC_WriteCollectResultToArray(HIC_ArrayInfo* array) {
         if (std::strcmp(lun->arraySn, array->arraySn) != 0) {
             continue;
         }
-        HIC_LOG(HIC_LOG_INFO, "begin write result array{sn:%s} by lun{%s}.\n", array->arraySn, lun->devPath);
+        HIC_LOG(HIC_LOG_INFO, "begin write result array{sn:%s} by lun{%s}.\n", array->arraySn,
+                lun->devPath);
         if (HIC_WriteResultToArray(lun, array) == 0) {
             break;
         }
-        HIC_LOG(HIC_LOG_ERROR, "Write to array{sn:%s} failed on dev %s.\n", array->arraySn, lun->devPath);
+        HIC_LOG(HIC_LOG_ERROR, "Write to array{sn:%s} failed on dev %s.\n", array->arraySn,
+                lun->devPath);
         // The budget is looked at only after a failed LUN: an attempt in
         // progress is never cut short.
         if (std::difftime(std::time(nullptr), start) > HIC_RESULT_BUDGET_SECONDS) {

@@ -31,6 +31,7 @@ int HIC_WriteResultToArray(const HIC_LunInfo* lun, HIC_ArrayInfo* array);
 int HIC_WriteResultFileBufToArray(int fd, const HIC_ArrayInfo* array, const char* path);
 // Reads n bytes at offset behind the header in buf and sends them.
 int HIC_GetFileBufAndWriteToArray(int fd, FILE* file, unsigned char* buf, long offset, uint32_t n);
-void HIC_BuildResultBufHeader(unsigned char* buf, uint32_t len, const HIC_ArrayInfo* array, long size);
+void HIC_BuildResultBufHeader(unsigned char* buf, uint32_t len, const HIC_ArrayInfo* array,
+                              long size);
 
 #endif  // HIC_COLLECT_RESULT_UPLOAD_H

@@ -56,8 +56,8 @@ int HIC_GetSwitchInfo(const HIC_LunInfo* lun, HIC_ArrayInfo* array) {
     if (HIC_IsValidToExecuteCollectTask(status, array, version) == -1) {
         return 0;
     }
-    HIC_LOG(HIC_LOG_INFO, "Select lun %s to start the collection task for array:%s.\n", lun->devPath,
-            array->arraySn);
+    HIC_LOG(HIC_LOG_INFO, "Select lun %s to start the collection task for array:%s.\n",
+            lun->devPath, array->arraySn);
     if (HIC_GetCollectFile(array) == -1) {
         return -1;
     }

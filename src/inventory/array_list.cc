@@ -24,7 +24,8 @@ bool HasArray(const char* sn) {
 int HIC_GetArrayList() {
     for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
         const HIC_LunInfo* lun = reinterpret_cast<HIC_LunInfo*>(p);
-        if (std::strcmp(lun->arraySn, HIC_NO_VALUE) == 0 || lun->arraySn[0] == '\0' || HasArray(lun->arraySn)) {
+        if (std::strcmp(lun->arraySn, HIC_NO_VALUE) == 0 || lun->arraySn[0] == '\0' ||
+            HasArray(lun->arraySn)) {
             continue;
         }
         HIC_ArrayInfo* array = HIC_AllocArrayInfo();

@@ -16,12 +16,14 @@ namespace {
 constexpr uint32_t kPathLen = 256;
 
 // Writes "--" into a field whose value could not be read.
-void SetNoValue(char* field, uint32_t size) { (void)strcpy_s(field, size, HIC_NO_VALUE); }
+void SetNoValue(char* field, uint32_t size) {
+    (void)strcpy_s(field, size, HIC_NO_VALUE);
+}
 
 }  // namespace
 
-int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendorSize, char* devPath,
-                        uint32_t devPathSize) {
+int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendorSize,
+                        char* devPath, uint32_t devPathSize) {
     char sysPath[kPathLen];
     (void)memset_s(sysPath, sizeof(sysPath), 0, sizeof(sysPath));
     (void)strcpy_s(sysPath, sizeof(sysPath), HIC_SYS_BLOCK_DIR);
@@ -49,7 +51,8 @@ int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendo
     if (HIC_GetVendorId(fd.Get(), vendor, vendorSize) != 0) {
         return -1;
     }
-    if (std::strncmp(vendor, HIC_VENDOR_TRELOX, 6) != 0 && std::strncmp(vendor, HIC_VENDOR_PELKO, 5) != 0) {
+    if (std::strncmp(vendor, HIC_VENDOR_TRELOX, 6) != 0 &&
+        std::strncmp(vendor, HIC_VENDOR_PELKO, 5) != 0) {
         return -1;
     }
     return 0;

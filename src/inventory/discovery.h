@@ -20,8 +20,8 @@ constexpr uint32_t HIC_VENDOR_BUF_LEN = 16;
 int HIC_GetLunList();
 // 0 when the entry is an "sd" disk of a served vendor; the vendor and the
 // device path are then in the two buffers.
-int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendorSize, char* devPath,
-                        uint32_t devPathSize);
+int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendorSize,
+                        char* devPath, uint32_t devPathSize);
 // Fills lunName, lunWwn, arrayName and arraySn from the device at devPath;
 // "--" in each field that cannot be read.
 void HIC_GetDevInfo(HIC_LunInfo* lun);

@@ -1,7 +1,7 @@
 #include "inventory/lists.h"
 
-#include <cstdlib>
 #include <cstddef>
+#include <cstdlib>
 #include <new>
 #include <type_traits>
 
@@ -31,7 +31,9 @@ void HIC_ListDel(HIC_ListHead* node) {
     node->prev = nullptr;
 }
 
-HIC_ListHead* HIC_GetLunListHead() { return &HIC_LunListHead; }
+HIC_ListHead* HIC_GetLunListHead() {
+    return &HIC_LunListHead;
+}
 
 namespace {
 
@@ -65,9 +67,13 @@ void FreeListWhere(HIC_ListHead* head, Keep keep) {
 
 }  // namespace
 
-HIC_LunInfo* HIC_AllocLunInfo() { return AllocZeroed<HIC_LunInfo>(); }
+HIC_LunInfo* HIC_AllocLunInfo() {
+    return AllocZeroed<HIC_LunInfo>();
+}
 
-HIC_ArrayInfo* HIC_AllocArrayInfo() { return AllocZeroed<HIC_ArrayInfo>(); }
+HIC_ArrayInfo* HIC_AllocArrayInfo() {
+    return AllocZeroed<HIC_ArrayInfo>();
+}
 
 bool HIC_IsArrayReleased(const HIC_ArrayInfo* array) {
     return array->taskState.load() == HIC_TASK_IDLE && array->heartBeatRunning.load() == 0 &&

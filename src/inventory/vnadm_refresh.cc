@@ -28,7 +28,8 @@ bool AnyArrayBusy() {
 HIC_VnLunInfo* FindConfirmation(HIC_ListHead* head, const HIC_LunInfo* lun) {
     for (HIC_ListHead* p = head->next; p != head; p = p->next) {
         auto* entry = reinterpret_cast<HIC_VnLunInfo*>(p);
-        if (std::strstr(lun->devPath, entry->devName) != nullptr && std::strcmp(entry->lunWwn, lun->lunWwn) == 0) {
+        if (std::strstr(lun->devPath, entry->devName) != nullptr &&
+            std::strcmp(entry->lunWwn, lun->lunWwn) == 0) {
             return entry;
         }
     }
@@ -81,7 +82,8 @@ int HIC_GetVnLunInfoListByVnadm(HIC_ListHead* head) {
         char* ctx = nullptr;
         char* tok = strtok_s(line, " ", &ctx);
         for (int k = 0; k < HIC_VNADM_MAX_TOKENS && tok != nullptr; ++k) {
-            HIC_CopyAttrFromVnadm(slots[k], HIC_VNADM_SLOT_LEN, tok, static_cast<uint32_t>(std::strlen(tok)));
+            HIC_CopyAttrFromVnadm(slots[k], HIC_VNADM_SLOT_LEN, tok,
+                                  static_cast<uint32_t>(std::strlen(tok)));
             tok = strtok_s(nullptr, " ", &ctx);
         }
         // Only the line just before counts: the same WWN twice in a row is

@@ -3,11 +3,11 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <cerrno>
 #include <mutex>
 #include <shared_mutex>
 
@@ -39,13 +39,13 @@ long CurrentLogSize() {
 }
 
 class ErrnoKeeper {
-public:
+  public:
     ErrnoKeeper() : saved_(errno) {}
     ~ErrnoKeeper() { errno = saved_; }
     ErrnoKeeper(const ErrnoKeeper&) = delete;
     ErrnoKeeper& operator=(const ErrnoKeeper&) = delete;
 
-private:
+  private:
     int saved_;
 };
 

@@ -516,7 +516,8 @@ TEST_F(LogTest, NoLineIsLostAcrossARotation) {
         const size_t at = line.find("] kept ");
         int t = -1;
         int i = -1;
-        if (at != std::string::npos && std::sscanf(line.c_str() + at, "] kept %d %d", &t, &i) == 2) {
+        if (at != std::string::npos &&
+            std::sscanf(line.c_str() + at, "] kept %d %d", &t, &i) == 2) {
             ++seen[{t, i}];
         }
     }

@@ -10,10 +10,12 @@
 
 namespace hic_test {
 
-inline void WriteSettings(const std::string& content) { WriteFile(HIC_HOST_INFO_PATH, content); }
+inline void WriteSettings(const std::string& content) {
+    WriteFile(HIC_HOST_INFO_PATH, content);
+}
 
 class SettingsTest : public SandboxTest {
-protected:
+  protected:
     void SetUp() override {
         SandboxTest::SetUp();
         (void)std::remove(HIC_HOST_INFO_PATH);

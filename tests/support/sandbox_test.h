@@ -135,7 +135,7 @@ inline void MakeDirs(const std::string& path, mode_t mode = 0755) {
 // Base fixture: refuses to run outside the sandbox, gives every test an
 // empty log at /opt/Vornal/log and the INFO level.
 class SandboxTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         // Never write the host's real /etc or /opt outside the sandbox.
         if (!InHostSandbox()) {
