@@ -11,7 +11,10 @@ namespace hic::bounded_detail {
 using bounded_internal::AreasOverlap;
 using bounded_internal::DestMaxValid;
 
-int MemcpyError(void* dest, uint32_t destMax, const void* src, uint32_t count) {
+namespace {
+
+// The checks memcpy_s and memmove_s share, in their order.
+int CopyArgsError(void* dest, uint32_t destMax, const void* src, uint32_t count) {
     if (!DestMaxValid(destMax)) {
         return HIC_ERANGE;
     }
@@ -25,6 +28,16 @@ int MemcpyError(void* dest, uint32_t destMax, const void* src, uint32_t count) {
     if (count > destMax) {
         std::memset(dest, 0, destMax);
         return HIC_ERANGE_AND_RESET;
+    }
+    return HIC_EOK;
+}
+
+}  // namespace
+
+int MemcpyError(void* dest, uint32_t destMax, const void* src, uint32_t count) {
+    const int ret = CopyArgsError(dest, destMax, src, count);
+    if (ret != HIC_EOK) {
+        return ret;
     }
     if (AreasOverlap(dest, src, count)) {
         std::memset(dest, 0, destMax);
@@ -35,21 +48,7 @@ int MemcpyError(void* dest, uint32_t destMax, const void* src, uint32_t count) {
 }
 
 int MemmoveError(void* dest, uint32_t destMax, const void* src, uint32_t count) {
-    if (!DestMaxValid(destMax)) {
-        return HIC_ERANGE;
-    }
-    if (dest == nullptr) {
-        return HIC_EINVAL;
-    }
-    if (src == nullptr) {
-        std::memset(dest, 0, destMax);
-        return HIC_EINVAL_AND_RESET;
-    }
-    if (count > destMax) {
-        std::memset(dest, 0, destMax);
-        return HIC_ERANGE_AND_RESET;
-    }
-    return HIC_EOK;
+    return CopyArgsError(dest, destMax, src, count);
 }
 
 int MemsetError(void* dest, uint32_t destMax, int c, uint32_t count) {

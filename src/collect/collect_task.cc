@@ -47,14 +47,8 @@ int HIC_StartQueryCollectInfoByLun(const HIC_LunInfo* lun, HIC_ArrayInfo* array)
     if (lun == nullptr || array == nullptr) {
         return -1;
     }
-    if (HIC_IsValidArraySn(array->arraySn, HIC_ARRAY_SN_LEN) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "Invalid array sn: %s.\n", array->arraySn);
-        return -1;
-    }
     char workspace[HIC_PATH_LEN];
-    (void)memset_s(workspace, sizeof(workspace), 0, sizeof(workspace));
-    if (sprintf_s(workspace, sizeof(workspace), "/opt/Vornal/%s", array->arraySn) == -1) {
-        HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
+    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
         return -1;
     }
     // Nothing of an earlier task survives into this one.
@@ -98,18 +92,11 @@ int HIC_GetCollectScriptFromArray(HIC_ArrayInfo* array) {
 
 void* HIC_CollectTaskThread(void* arg) {
     auto* array = static_cast<HIC_ArrayInfo*>(arg);
-    char workspace[HIC_PATH_LEN];
-    (void)memset_s(workspace, sizeof(workspace), 0, sizeof(workspace));
     if (array == nullptr) {
         return nullptr;
     }
-    if (HIC_IsValidArraySn(array->arraySn, HIC_ARRAY_SN_LEN) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "Invalid array sn: %s.\n", array->arraySn);
-        array->collectRunning.store(0);
-        return nullptr;
-    }
-    if (sprintf_s(workspace, sizeof(workspace), "%s%s", HIC_WORKSPACE_ROOT, array->arraySn) == -1) {
-        HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
+    char workspace[HIC_PATH_LEN];
+    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
         array->collectRunning.store(0);
         return nullptr;
     }

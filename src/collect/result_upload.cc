@@ -123,14 +123,8 @@ int HIC_WriteResultToArray(const HIC_LunInfo* lun, HIC_ArrayInfo* array) {
     if (lun == nullptr || array == nullptr) {
         return -1;
     }
-    if (HIC_IsValidArraySn(array->arraySn, HIC_ARRAY_SN_LEN) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "Invalid array sn: %s.\n", array->arraySn);
-        return -1;
-    }
     char path[HIC_PATH_LEN];
-    (void)memset_s(path, sizeof(path), 0, sizeof(path));
-    if (sprintf_s(path, sizeof(path), "/opt/Vornal/%s/result.tar.gz", array->arraySn) == -1) {
-        HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
+    if (HIC_GetWorkspacePath(array, "/result.tar.gz", path, sizeof(path)) != 0) {
         return -1;
     }
     int ret = 0;

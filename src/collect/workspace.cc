@@ -92,18 +92,25 @@ int HIC_IsValidArraySn(const char* sn, uint32_t bound) {
     return 0;
 }
 
-int HIC_GetCollectFile(const HIC_ArrayInfo* array) {
-    if (array == nullptr) {
+int HIC_GetWorkspacePath(const HIC_ArrayInfo* array, const char* leaf, char* path, uint32_t size) {
+    if (array == nullptr || leaf == nullptr || path == nullptr || size == 0) {
         return -1;
     }
+    (void)memset_s(path, size, 0, size);
     if (HIC_IsValidArraySn(array->arraySn, HIC_ARRAY_SN_LEN) != 0) {
         HIC_LOG(HIC_LOG_ERROR, "Invalid array sn: %s.\n", array->arraySn);
         return -1;
     }
-    char workspace[HIC_PATH_LEN];
-    (void)memset_s(workspace, sizeof(workspace), 0, sizeof(workspace));
-    if (sprintf_s(workspace, sizeof(workspace), "%s%s", HIC_WORKSPACE_ROOT, array->arraySn) == -1) {
+    if (sprintf_s(path, size, "%s%s%s", HIC_WORKSPACE_ROOT, array->arraySn, leaf) == -1) {
         HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
+        return -1;
+    }
+    return 0;
+}
+
+int HIC_GetCollectFile(const HIC_ArrayInfo* array) {
+    char workspace[HIC_PATH_LEN];
+    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
         return -1;
     }
     HIC_CreateDirectory(workspace);
@@ -142,16 +149,12 @@ void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array) {
     if (array == nullptr) {
         return;
     }
-    // Callers have checked the serial number; check again before it enters
-    // a shell command line.
-    if (HIC_IsValidArraySn(array->arraySn, HIC_ARRAY_SN_LEN) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "Invalid array sn: %s.\n", array->arraySn);
+    // Callers have checked the serial number; this checks it again before it
+    // enters a shell command line.
+    char workspace[HIC_PATH_LEN];
+    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
         return;
     }
-    char workspace[HIC_PATH_LEN];
-    (void)memset_s(workspace, sizeof(workspace), 0, sizeof(workspace));
-    (void)strcpy_s(workspace, sizeof(workspace), HIC_WORKSPACE_ROOT);
-    (void)strcat_s(workspace, sizeof(workspace), array->arraySn);
 
     char command[HIC_PATH_LEN];
     (void)memset_s(command, sizeof(command), 0, sizeof(command));

@@ -18,6 +18,10 @@ constexpr uint32_t HIC_CHILD_PATH_LEN = 4096;
 // 0 when every character before the NUL or the bound is an ASCII letter or
 // digit: only such a serial number may enter a path or a shell command.
 int HIC_IsValidArraySn(const char* sn, uint32_t bound);
+// Forms "/opt/Vornal/<SN>" followed by leaf ("" for the workspace itself)
+// in path. -1, logged, when the serial number may not enter a path or the
+// result does not fit.
+int HIC_GetWorkspacePath(const HIC_ArrayInfo* array, const char* leaf, char* path, uint32_t size);
 int HIC_GetCollectFile(const HIC_ArrayInfo* array);
 void HIC_CreateDirectory(const char* path);
 void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array);

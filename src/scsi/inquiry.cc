@@ -1,7 +1,6 @@
 #include "scsi/inquiry.h"
 
 #include <scsi/sg.h>
-#include <sys/ioctl.h>
 
 #include <cerrno>
 #include <cstring>
@@ -42,31 +41,16 @@ int HIC_DoInquiry(int fd, unsigned char evpd, unsigned char page, unsigned char*
                                               static_cast<unsigned char>((len >> 8) & 0xFF),
                                               static_cast<unsigned char>(len & 0xFF),
                                               0x00};
-    unsigned char sense[HIC_SENSE_LEN];
-    (void)memset_s(sense, sizeof(sense), 0, sizeof(sense));
-
-    sg_io_hdr_t hdr;
-    (void)memset_s(&hdr, sizeof(hdr), 0, sizeof(hdr));
-    hdr.interface_id = 'S';
-    hdr.dxfer_direction = SG_DXFER_FROM_DEV;
-    hdr.cmd_len = HIC_INQUIRY_CDB_LEN;
-    hdr.mx_sb_len = HIC_SENSE_LEN;
-    hdr.dxfer_len = len;
-    hdr.dxferp = buf;
-    hdr.cmdp = cdb;
-    hdr.sbp = sense;
-    hdr.timeout = HIC_SG_TIMEOUT;
-
-    if (::ioctl(fd, SG_IO, &hdr) < 0) {  // NOLINT(cppcoreguidelines-pro-type-vararg)
-        const int err = errno;
-        HIC_LOG(HIC_LOG_ERROR, "ioctl(SG_IO) failed: %s (errno=%d).\n", std::strerror(err), err);
+    HIC_SgStatus st{};
+    if (HIC_SgExchange(fd, cdb, HIC_INQUIRY_CDB_LEN, buf, len, SG_DXFER_FROM_DEV, &st) != 0) {
+        HIC_LogIoctlFailure(errno);
         return -1;
     }
-    if (hdr.status == 0 && hdr.host_status == 0 && hdr.driver_status == 0) {
+    if (st.status == 0 && st.hostStatus == 0 && st.driverStatus == 0) {
         return 0;
     }
     HIC_LOG(HIC_LOG_ERROR, "inqury page 0x%x failed.status:%d, host_status:%d, driver_status:%d.\n",
-            page, hdr.status, hdr.host_status, hdr.driver_status);
+            page, st.status, st.hostStatus, st.driverStatus);
     return -1;
 }
 

@@ -41,19 +41,21 @@ int HIC_BuildCdb(unsigned char* cdb, int cdbLen, unsigned char opcode, uint64_t 
     return 0;
 }
 
-int HIC_IoctlSendCmd(int fd, unsigned char* cdb, unsigned char* data, unsigned int dataLen,
-                     int direction) {
+void HIC_LogIoctlFailureAt(const char* func, int line, int err) {
+    HIC_WriteLog(HIC_LOG_ERROR, func, line, "ioctl(SG_IO) failed: %s (errno=%d).\n",
+                 std::strerror(err), err);
+}
+
+int HIC_SgExchange(int fd, unsigned char* cdb, unsigned char cdbLen, unsigned char* data,
+                   unsigned int dataLen, int direction, HIC_SgStatus* result) {
     unsigned char sense[HIC_SENSE_LEN];
     (void)memset_s(sense, sizeof(sense), 0, sizeof(sense));
-    if (cdb == nullptr || data == nullptr) {
-        return -1;
-    }
 
     sg_io_hdr_t hdr;
     (void)memset_s(&hdr, sizeof(hdr), 0, sizeof(hdr));
     hdr.interface_id = 'S';
     hdr.dxfer_direction = direction;
-    hdr.cmd_len = HIC_CDB_LEN;
+    hdr.cmd_len = cdbLen;
     hdr.mx_sb_len = HIC_SENSE_LEN;
     hdr.dxfer_len = dataLen;
     hdr.dxferp = data;
@@ -62,14 +64,28 @@ int HIC_IoctlSendCmd(int fd, unsigned char* cdb, unsigned char* data, unsigned i
     hdr.timeout = HIC_SG_TIMEOUT;
 
     if (::ioctl(fd, SG_IO, &hdr) < 0) {  // NOLINT(cppcoreguidelines-pro-type-vararg)
-        const int err = errno;
-        HIC_LOG(HIC_LOG_ERROR, "ioctl(SG_IO) failed: %s (errno=%d).\n", std::strerror(err), err);
         return -1;
     }
-    if (hdr.status == 0 && hdr.host_status == 0 && hdr.driver_status == 0) {
+    result->status = hdr.status;
+    result->hostStatus = hdr.host_status;
+    result->driverStatus = hdr.driver_status;
+    return 0;
+}
+
+int HIC_IoctlSendCmd(int fd, unsigned char* cdb, unsigned char* data, unsigned int dataLen,
+                     int direction) {
+    if (cdb == nullptr || data == nullptr) {
+        return -1;
+    }
+    HIC_SgStatus st{};
+    if (HIC_SgExchange(fd, cdb, HIC_CDB_LEN, data, dataLen, direction, &st) != 0) {
+        HIC_LogIoctlFailure(errno);
+        return -1;
+    }
+    if (st.status == 0 && st.hostStatus == 0 && st.driverStatus == 0) {
         return 0;
     }
     HIC_LOG(HIC_LOG_DEBUG, "send ioctl failed. status:%d, host_status:%d, driver_status:%d.\n",
-            hdr.status, hdr.host_status, hdr.driver_status);
+            st.status, st.hostStatus, st.driverStatus);
     return -1;
 }

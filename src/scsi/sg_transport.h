@@ -21,6 +21,23 @@ int HIC_OpenDevByPath(const char* path, int mode);
 int HIC_BuildCdb(unsigned char* cdb, int cdbLen, unsigned char opcode, uint64_t address,
                  uint32_t length);
 
+// The three status bytes the kernel hands back with a completed request.
+struct HIC_SgStatus {
+    unsigned char status;
+    unsigned short hostStatus;
+    unsigned short driverStatus;
+};
+
+// Submits one command of cdbLen bytes through SG_IO with a 96-byte sense
+// buffer and the fixed timeout. -1 with errno set when the ioctl itself
+// fails; otherwise 0 with the three statuses in *result.
+int HIC_SgExchange(int fd, unsigned char* cdb, unsigned char cdbLen, unsigned char* data,
+                   unsigned int dataLen, int direction, HIC_SgStatus* result);
+
+// The ERROR line of a failed SG_IO ioctl, under the caller's name.
+void HIC_LogIoctlFailureAt(const char* func, int line, int err);
+#define HIC_LogIoctlFailure(err) HIC_LogIoctlFailureAt(__func__, __LINE__, (err))
+
 // Submits one 16-byte command; direction is SG_DXFER_TO_DEV or
 // SG_DXFER_FROM_DEV. 0 only when the transport and all three statuses are
 // clean; a short transfer still counts as success.

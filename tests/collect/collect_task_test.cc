@@ -581,8 +581,8 @@ TEST_F(CollectTest, InvalidSerialNumberNeverReachesPathOrShell) {
         Pass();
         // Each pass starts a thread per array, which gives up at once.
         EXPECT_LOG_INTERLEAVES(
-            Lines().Add(Err("HIC_CollectTaskThread", "Invalid array sn: ../../tmp/EVIL.\n")),
-            Lines().Add(Err("HIC_CollectTaskThread", "Invalid array sn: A B.\n")));
+            Lines().Add(Err("HIC_GetWorkspacePath", "Invalid array sn: ../../tmp/EVIL.\n")),
+            Lines().Add(Err("HIC_GetWorkspacePath", "Invalid array sn: A B.\n")));
     }
     EXPECT_TRUE(array().Commands().empty());
     EXPECT_TRUE(array().Opens().empty());
