@@ -48,7 +48,8 @@ inline int memcpy_s(void* dest, uint32_t destMax, const void* src, uint32_t coun
     const bool fast = hic::bounded_detail::SizeValid(destMax) & (count <= destMax) & (d != 0) &
                       (s != 0) & (d - s >= count) & (s - d >= count);
     if (fast) {
-        std::memcpy(dest, src, count);
+        // The analyzer cannot follow the null tests through the bitwise and.
+        std::memcpy(dest, src, count);  // NOLINT(clang-analyzer-core.NonNullParamChecker)
         return HIC_EOK;
     }
     return hic::bounded_detail::MemcpyError(dest, destMax, src, count);
