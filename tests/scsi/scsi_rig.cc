@@ -1,9 +1,13 @@
 #include "scsi_rig.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <utility>
+
+#include "scsi/sg_transport.h"
 
 namespace hic_test {
 namespace {
@@ -19,7 +23,7 @@ std::unique_ptr<vnarray::Rig>& TheRig() {
     return rig;
 }
 
-// Stops the array once every test has run, so that its mounts go first.
+// Stops the array after the last test, so that its mounts go first.
 class RigEnvironment : public ::testing::Environment {
   public:
     void TearDown() override {
@@ -47,10 +51,29 @@ vnarray::Client& Array() {
     return rig->client();
 }
 
-void ScsiRigTest::SetUp() {
-    SandboxTest::SetUp();
+void ScsiRigTest::NextCase() {
     Array().ClearFaults();
     Array().Reset();
+    (void)std::remove(HIC_LOG_PATH);
+}
+
+hic::UniqueFd OpenLun(const char* path, int mode) {
+    hic::UniqueFd fd(HIC_OpenDevByPath(path, mode));
+    EXPECT_TRUE(fd.Valid()) << path;
+    return fd;
+}
+
+int ClosedFd() {
+    const int fd = ::dup(0);
+    ::close(fd);
+    return fd;
+}
+
+void InjectOnB(const char* kind, const char* json) {
+    Json fault = Json::parse(json);
+    fault["lun"] = "sdb";
+    fault["kind"] = kind;
+    Array().InjectFault(fault);
 }
 
 ScopedLun::ScopedLun(Json fields) {
