@@ -96,20 +96,13 @@ ScopedLun::~ScopedLun() {
 }
 
 std::string SpacedHex(const unsigned char* data, size_t len) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     std::string out;
+    char pair[4];
     for (size_t i = 0; i < len; ++i) {
-        if (i != 0) {
-            out += ' ';
-        }
-        out += kDigits[data[i] >> 4U];
-        out += kDigits[data[i] & 0x0FU];
+        std::snprintf(pair, sizeof(pair), i == 0 ? "%02x" : " %02x", data[i]);
+        out += pair;
     }
     return out;
-}
-
-std::string SpacedHex(const Bytes& bytes) {
-    return SpacedHex(bytes.data(), bytes.size());
 }
 
 Bytes Hex(const std::string& text) {
@@ -120,24 +113,24 @@ Bytes Hex(const std::string& text) {
     return *bytes;
 }
 
-std::vector<CommandRecord> Commands() {
-    return Array().Commands();
-}
-
-std::vector<OpenSeen> Opens() {
-    std::vector<OpenSeen> out;
-    for (const vnarray::OpenRecord& r : Array().Opens()) {
-        if (!r.close) {
-            out.push_back({r.flags, r.err, r.lun});
-        }
-    }
+std::vector<vnarray::OpenRecord> Opens() {
+    std::vector<vnarray::OpenRecord> out = Array().Opens();
+    std::erase_if(out, [](const vnarray::OpenRecord& r) { return r.close; });
     return out;
 }
 
-void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, uint32_t dxferLen) {
+CommandRecord ExpectOneRequest(const std::string& cdb, int direction, uint32_t dxferLen,
+                               int openFlags) {
+    const auto commands = Commands();
+    EXPECT_EQ(commands.size(), 1U);
+    if (commands.size() != 1) {
+        return {};
+    }
+    const CommandRecord& rec = commands[0];
+    EXPECT_EQ(SpacedHex(rec.cdb), cdb);
     EXPECT_EQ(rec.interface_id, 'S');
     EXPECT_EQ(rec.dxfer_direction, direction);
-    EXPECT_EQ(rec.cmd_len, cmdLen);
+    EXPECT_EQ(rec.cmd_len, static_cast<int>(rec.cdb.size()));
     EXPECT_EQ(rec.mx_sb_len, 96);
     EXPECT_EQ(rec.dxfer_len, dxferLen);
     EXPECT_EQ(rec.timeout, 30U);  // milliseconds
@@ -145,6 +138,8 @@ void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, ui
     EXPECT_EQ(rec.iovec_count, 0);
     EXPECT_EQ(rec.pack_id, 0);
     EXPECT_FALSE(rec.usr_ptr);
+    EXPECT_EQ(rec.open_flags, openFlags);
+    return rec;
 }
 
 }  // namespace hic_test

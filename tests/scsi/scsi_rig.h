@@ -58,21 +58,22 @@ class ScopedLun {
 
 // "c9 00 1c": readable in a failure message, exact in a comparison.
 std::string SpacedHex(const unsigned char* data, size_t len);
-std::string SpacedHex(const Bytes& bytes);
+inline std::string SpacedHex(const Bytes& bytes) {
+    return SpacedHex(bytes.data(), bytes.size());
+}
 Bytes Hex(const std::string& text);
 
-std::vector<CommandRecord> Commands();
+inline std::vector<CommandRecord> Commands() {
+    return Array().Commands();
+}
 // Opens since the last reset; closes are left out, they arrive after
 // close(2) has returned.
-struct OpenSeen {
-    int flags;
-    int err;
-    std::string lun;
-};
-std::vector<OpenSeen> Opens();
+std::vector<vnarray::OpenRecord> Opens();
 
-// Checks the sg_io_hdr fields every submission carries, and its one command.
-void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, uint32_t dxferLen);
+// Expects exactly one command since the last reset, with this CDB and the
+// sg_io_hdr fields every submission carries; gives it back.
+CommandRecord ExpectOneRequest(const std::string& cdb, int direction, uint32_t dxferLen,
+                               int openFlags);
 
 }  // namespace hic_test
 

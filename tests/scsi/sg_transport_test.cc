@@ -8,10 +8,8 @@
 #include <scsi/sg.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdint>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -70,45 +68,9 @@ TEST_F(ScsiTransportTest, BuildCdbLaysOutTheSixteenBytes) {
 // ---------------------------------------------------------------------------
 // HIC_IoctlSendCmd
 
-TEST_F(ScsiTransportTest, DataOutRequestArrivesAsBuilt) {
-    hic::UniqueFd fd = OpenLun(kLunB, HIC_OPEN_READ_WRITE);
-    unsigned char cdb[HIC_CDB_LEN] = {};
-    ASSERT_EQ(HIC_BuildCdb(cdb, HIC_CDB_LEN, 0xC9, 0, 28), 0);
-    std::vector<unsigned char> payload(28);
-    for (size_t i = 0; i < payload.size(); ++i) {
-        payload[i] = static_cast<unsigned char>(0xF0 - i);
-    }
-    EXPECT_EQ(HIC_IoctlSendCmd(fd.Get(), cdb, payload.data(), 28, SG_DXFER_TO_DEV), 0);
-
-    const auto commands = Commands();
-    ASSERT_EQ(commands.size(), 1U);
-    const CommandRecord& rec = commands[0];
-    EXPECT_EQ(SpacedHex(rec.cdb), "c9 00 00 00 00 00 00 00 00 00 00 00 00 1c 81 00");
-    ExpectRequestFields(rec, -2, 16, 28);
-    EXPECT_EQ(rec.open_flags, O_RDWR);
-    EXPECT_EQ(SpacedHex(rec.data_out), SpacedHex(payload.data(), payload.size()));
-    EXPECT_EQ(LoggedMessages(), "");
-}
-
-TEST_F(ScsiTransportTest, DataInRequestArrivesAsBuiltAndFillsTheBuffer) {
-    Array().RaiseSwitch(kArraySn, "01020304");
-    hic::UniqueFd fd = OpenLun(kLunB, HIC_OPEN_READ_ONLY);
-    auto cdb = SwitchCdb();
-    std::vector<unsigned char> buf(4096, 0xEE);
-    EXPECT_EQ(HIC_IoctlSendCmd(fd.Get(), cdb.data(), buf.data(), 4096, SG_DXFER_FROM_DEV), 0);
-
-    std::vector<unsigned char> want(4096, 0);
-    const unsigned char reply[] = {0, 0, 0, 0, 1, 1, 2, 3, 4};
-    std::copy(std::begin(reply), std::end(reply), want.begin());
-    EXPECT_TRUE(buf == want) << SpacedHex(buf.data(), 16);
-    const auto commands = Commands();
-    ASSERT_EQ(commands.size(), 1U);
-    ExpectRequestFields(commands[0], -3, 16, 4096);
-    EXPECT_EQ(commands[0].open_flags, O_RDONLY);
-    EXPECT_EQ(commands[0].transferred, 4096U);
-    EXPECT_EQ(LoggedMessages(), "");
-}
-
+// The request fields, the payload of each direction and the common failures
+// are checked through the vendor commands built on this call; these are the
+// completions they do not meet.
 TEST_F(ScsiTransportTest, JudgesTheCompletionAndLogsAtItsLevel) {
     auto failed = [](const char* statuses) {
         return std::string("DEBUG HIC_IoctlSendCmd: send ioctl failed. ") + statuses + ".\n";
@@ -116,31 +78,20 @@ TEST_F(ScsiTransportTest, JudgesTheCompletionAndLogsAtItsLevel) {
     const struct {
         const char* name;
         const char* fault;  // on sdb, kind c7
-        int rc;
-        std::string line;  // the whole log at DEBUG
-        bool infoToo;      // whether the line shows at INFO as well
+        std::string line;   // the whole log at DEBUG
+        bool infoToo;       // whether the line shows at INFO as well
     } cases[] = {
-        {"CheckConditionAlone", R"({"status": 2, "driver_status": 0})", -1,
+        {"CheckConditionAlone", R"({"status": 2, "driver_status": 0})",
          failed("status:2, host_status:0, driver_status:0"), false},
-        {"CheckConditionWithSense", R"({"status": 2})", -1,
-         failed("status:2, host_status:0, driver_status:8"), false},
-        {"BusyStatus", R"({"status": 8})", -1, failed("status:8, host_status:0, driver_status:0"),
+        {"BusyStatus", R"({"status": 8})", failed("status:8, host_status:0, driver_status:0"),
          false},
-        {"HostStatusAlone", R"({"host_status": 7})", -1,
-         failed("status:0, host_status:7, driver_status:0"), false},
-        {"DriverSenseFlagAlone", R"({"driver_status": 8})", -1,
-         failed("status:0, host_status:0, driver_status:8"), false},
-        {"DriverTimeoutAlone", R"({"driver_status": 6})", -1,
+        {"DriverTimeoutAlone", R"({"driver_status": 6})",
          failed("status:0, host_status:0, driver_status:6"), false},
         // A reply later than the 30 ms timeout ends in DID_TIME_OUT.
-        {"TimedOut", R"({"delay_ms": 200, "honour_timeout": 1})", -1,
+        {"TimedOut", R"({"delay_ms": 200, "honour_timeout": 1})",
          failed("status:0, host_status:3, driver_status:0"), false},
-        {"IoctlFailsWithEio", R"({"errno": "EIO"})", -1,
-         "ERR HIC_IoctlSendCmd: ioctl(SG_IO) failed: Input/output error (errno=5).\n", true},
-        {"IoctlFailsWithEnodev", R"({"errno": "ENODEV"})", -1,
+        {"IoctlFailsWithEnodev", R"({"errno": "ENODEV"})",
          "ERR HIC_IoctlSendCmd: ioctl(SG_IO) failed: No such device (errno=19).\n", true},
-        // The residual count is not consulted.
-        {"ShortTransferSucceeds", R"({"short": 10})", 0, "", false},
     };
     auto cdb = SwitchCdb();
     std::vector<unsigned char> buf(4096);
@@ -154,7 +105,7 @@ TEST_F(ScsiTransportTest, JudgesTheCompletionAndLogsAtItsLevel) {
             (void)std::remove(HIC_LOG_PATH);
             HIC_SetLogLevel(level);
             EXPECT_EQ(HIC_IoctlSendCmd(fd.Get(), cdb.data(), buf.data(), 4096, SG_DXFER_FROM_DEV),
-                      c.rc);
+                      -1);
             EXPECT_EQ(LoggedMessages(), level == HIC_LOG_DEBUG || c.infoToo ? c.line : "");
         }
         // The array saw both submissions, each judged by its own reply.
@@ -164,7 +115,9 @@ TEST_F(ScsiTransportTest, JudgesTheCompletionAndLogsAtItsLevel) {
     }
 }
 
+// The residual count is not consulted: a short transfer succeeds quietly.
 TEST_F(ScsiTransportTest, ShortTransferKeepsWhatArrived) {
+    HIC_SetLogLevel(HIC_LOG_DEBUG);
     Array().RaiseSwitch(kArraySn, "0a0b0c0d");
     InjectOnB("c7", R"({"short": 6})");
     hic::UniqueFd fd = OpenLun(kLunB, HIC_OPEN_READ_ONLY);
@@ -176,6 +129,7 @@ TEST_F(ScsiTransportTest, ShortTransferKeepsWhatArrived) {
     ASSERT_EQ(commands.size(), 1U);
     EXPECT_EQ(commands[0].transferred, 6U);
     EXPECT_EQ(commands[0].resid, 10U);
+    EXPECT_EQ(LoggedMessages(), "");
 }
 
 TEST_F(ScsiTransportTest, DescriptorsThatTakeNoSgIoFailWithTheErrno) {

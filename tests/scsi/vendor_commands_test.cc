@@ -60,13 +60,9 @@ TEST_F(VendorCommandTest, DataOutCommandsSendTheirPayloadUnchanged) {
                                                       static_cast<int32_t>(c.address)),
                   0);
         EXPECT_TRUE(payload == sent);
-        const auto commands = Commands();
-        ASSERT_EQ(commands.size(), 1U);
-        EXPECT_EQ(SpacedHex(commands[0].cdb), c.cdb);
-        ExpectRequestFields(commands[0], -2, 16, c.len);
-        EXPECT_EQ(commands[0].open_flags, O_RDWR);
-        EXPECT_EQ(commands[0].transferred, c.len);
-        EXPECT_EQ(SpacedHex(commands[0].data_out), SpacedHex(sent.data(), sent.size()));
+        const CommandRecord rec = ExpectOneRequest(c.cdb, -2, c.len, O_RDWR);
+        EXPECT_EQ(rec.transferred, c.len);
+        EXPECT_EQ(SpacedHex(rec.data_out), SpacedHex(sent.data(), sent.size()));
     }
     EXPECT_EQ(LoggedMessages(), "");
 }
@@ -102,12 +98,10 @@ TEST_F(VendorCommandTest, SwitchQueryAsksFor4096WhateverTheBuffer) {
         EXPECT_EQ(SpacedHex(buf.data(), std::min<size_t>(buf.size(), 16)),
                   SpacedHex(want.data(), std::min<size_t>(want.size(), 16)));
         EXPECT_TRUE(buf == want);
-        const auto commands = Commands();
-        ASSERT_EQ(commands.size(), 1U);
-        EXPECT_EQ(SpacedHex(commands[0].cdb), "c7 00 00 00 00 00 00 00 00 00 00 00 10 00 81 00");
-        ExpectRequestFields(commands[0], -3, 16, c.len);
-        EXPECT_EQ(commands[0].open_flags, O_RDONLY);
-        EXPECT_EQ(commands[0].transferred, c.arrived);
+        EXPECT_EQ(
+            ExpectOneRequest("c7 00 00 00 00 00 00 00 00 00 00 00 10 00 81 00", -3, c.len, O_RDONLY)
+                .transferred,
+            c.arrived);
     }
     EXPECT_EQ(LoggedMessages(), "");
 }
