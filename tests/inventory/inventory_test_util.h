@@ -3,14 +3,14 @@
 #ifndef HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H
 #define HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -97,18 +97,14 @@ inline void ResetLists() {
     HIC_InitListHead(&HIC_ArrayListHead);
 }
 
-// What "vnadmin show vlun type=all" prints; nullptr: nothing.
-inline void SetListing(const char* text) {
+// What "vnadmin show vlun type=all" prints; nullopt: nothing.
+inline void SetListing(const std::optional<std::string>& text) {
     hic_test::MakeDirs("/run/vnadmin");
-    if (text == nullptr) {
+    if (text) {
+        hic_test::WriteFile(kListingPath, *text);
+    } else {
         (void)std::remove(kListingPath);
-        return;
     }
-    hic_test::WriteFile(kListingPath, text);
-}
-
-inline void SetListing(const std::string& text) {
-    SetListing(text.c_str());
 }
 
 // The LUN's WWN as the daemon renders it: page 0x83 bytes 8-23, lowercase hex.
@@ -126,17 +122,9 @@ inline std::string WwnOf(vnarray::Client& client, const std::string& dev) {
 // Entry names of /sys/block in the order readdir yields them.
 inline std::vector<std::string> SysBlockOrder() {
     std::vector<std::string> out;
-    DIR* dir = ::opendir("/sys/block");
-    if (dir == nullptr) {
-        return out;
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
+        out.push_back(entry.path().filename());
     }
-    while (const dirent* e = ::readdir(dir)) {  // NOLINT(concurrency-mt-unsafe)
-        const std::string name = e->d_name;
-        if (name != "." && name != "..") {
-            out.push_back(name);
-        }
-    }
-    ::closedir(dir);
     return out;
 }
 
@@ -196,7 +184,7 @@ class RigSuite : public hic_test::SandboxTest {
         ResetLists();
         client().ClearFaults();
         client().Reset();
-        SetListing(nullptr);
+        SetListing(std::nullopt);
         (void)std::remove(kCallsPath);
     }
     void TearDown() override {

@@ -254,7 +254,7 @@ class RefreshPassTest : public RefreshTest, public ::testing::WithParamInterface
 TEST_P(RefreshPassTest, LunListFollowsListing) {
     const PassCase& c = GetParam();
     Seed();
-    inv_test::SetListing(c.listing.empty() ? nullptr : Expand(c.listing).c_str());
+    inv_test::SetListing(c.listing.empty() ? std::nullopt : std::optional(Expand(c.listing)));
 
     HIC_RefreshLunAndArrayList();
 
@@ -410,7 +410,7 @@ TEST_F(RefreshTest, TemporaryListHoldsAcceptedLines) {
     HIC_SetLogLevel(HIC_LOG_DEBUG);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        inv_test::SetListing(c.listing.empty() ? nullptr : c.listing.c_str());
+        inv_test::SetListing(c.listing.empty() ? std::nullopt : std::optional(c.listing));
         HIC_ListHead head;
         HIC_InitListHead(&head);
         EXPECT_EQ(HIC_GetVnLunInfoListByVnadm(&head), 0);
