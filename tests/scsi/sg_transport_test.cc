@@ -157,28 +157,6 @@ TEST_F(ScsiTransportTest, DescriptorsThatTakeNoSgIoFailWithTheErrno) {
     }
 }
 
-// A null argument is refused before any system call: on a good descriptor
-// the array sees nothing, and on a bad one no ioctl error shows up.
-TEST_F(ScsiTransportTest, NullArgumentsSendNothingAndLogNothing) {
-    HIC_SetLogLevel(HIC_LOG_DEBUG);
-    hic::UniqueFd fd = OpenLun(kLunB, HIC_OPEN_READ_WRITE);
-    auto cdb = SwitchCdb();
-    std::vector<unsigned char> buf(4096);
-    for (const int target : {fd.Get(), -1}) {
-        SCOPED_TRACE(target);
-        EXPECT_EQ(HIC_IoctlSendCmd(target, nullptr, buf.data(), 4096, SG_DXFER_FROM_DEV), -1);
-        EXPECT_EQ(HIC_IoctlSendCmd(target, cdb.data(), nullptr, 4096, SG_DXFER_FROM_DEV), -1);
-        // Even a transfer of nothing needs a buffer.
-        EXPECT_EQ(HIC_IoctlSendCmd(target, cdb.data(), nullptr, 0, SG_DXFER_FROM_DEV), -1);
-        EXPECT_EQ(HIC_IoctlSendCmd(target, nullptr, nullptr, 0, SG_DXFER_TO_DEV), -1);
-    }
-    EXPECT_EQ(HIC_OpenDevByPath(nullptr, HIC_OPEN_READ_ONLY), -1);
-    EXPECT_EQ(HIC_OpenDevByPath(nullptr, HIC_OPEN_READ_WRITE), -1);
-    EXPECT_TRUE(Commands().empty());
-    EXPECT_EQ(Opens().size(), 1U);  // the test's own
-    EXPECT_EQ(LoggedMessages(), "");
-}
-
 // ---------------------------------------------------------------------------
 // HIC_OpenDevByPath
 

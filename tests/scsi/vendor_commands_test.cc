@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <scsi/sg.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -162,14 +163,20 @@ TEST_F(VendorCommandTest, FailuresLogTheirLinesAtTheirLevels) {
     }
 }
 
-// Refused before anything is sent: on a good descriptor the array sees
+// Refused before any system call: on a good descriptor the array sees
 // nothing, on a bad one no ioctl error shows.
 TEST_F(VendorCommandTest, RefusedArgumentsSendNothingAndLogNothing) {
     HIC_SetLogLevel(HIC_LOG_DEBUG);
     hic::UniqueFd fd = OpenLun(kLunB, HIC_OPEN_READ_WRITE);
     std::vector<unsigned char> buf = Chunk(4096);
+    unsigned char* cdb = buf.data();
     for (const int target : {fd.Get(), -1}) {
         SCOPED_TRACE(target);
+        EXPECT_EQ(HIC_IoctlSendCmd(target, nullptr, buf.data(), 4096, SG_DXFER_FROM_DEV), -1);
+        EXPECT_EQ(HIC_IoctlSendCmd(target, cdb, nullptr, 4096, SG_DXFER_FROM_DEV), -1);
+        // Even a transfer of nothing needs a buffer.
+        EXPECT_EQ(HIC_IoctlSendCmd(target, cdb, nullptr, 0, SG_DXFER_FROM_DEV), -1);
+        EXPECT_EQ(HIC_IoctlSendCmd(target, nullptr, nullptr, 0, SG_DXFER_TO_DEV), -1);
         EXPECT_EQ(HIC_SendHeartBeat(target, nullptr, 28, 0), -1);
         EXPECT_EQ(HIC_SendHeartBeat(target, nullptr, 0, 0), -1);
         EXPECT_EQ(HIC_DoWriteBufToArray(target, nullptr, 4096, 0), -1);
@@ -178,7 +185,10 @@ TEST_F(VendorCommandTest, RefusedArgumentsSendNothingAndLogNothing) {
         EXPECT_EQ(HIC_DoQuerySwitchStatus(target, nullptr, 4096), -1);
         EXPECT_EQ(HIC_DoQuerySwitchStatus(target, nullptr, 0), -1);
     }
+    EXPECT_EQ(HIC_OpenDevByPath(nullptr, HIC_OPEN_READ_ONLY), -1);
+    EXPECT_EQ(HIC_OpenDevByPath(nullptr, HIC_OPEN_READ_WRITE), -1);
     EXPECT_TRUE(Commands().empty());
+    EXPECT_EQ(Opens().size(), 1U);  // the test's own
     EXPECT_EQ(LoggedMessages(), "");
 }
 
