@@ -74,7 +74,6 @@ inline std::vector<std::string> DevPaths() {
     }
     return out;
 }
-
 inline std::vector<std::string> ArraySerials() {
     std::vector<std::string> out;
     for (const HIC_ArrayInfo* a : ArrayRecords()) {
