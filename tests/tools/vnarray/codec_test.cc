@@ -7,13 +7,15 @@
 
 #include <cerrno>
 #include <string>
+#include <tuple>
+
+#include "tools/vnarray/bytes.h"
 
 namespace vnarray {
 namespace {
 
-Bytes Hex(const std::string& text) {
-    return FromHex(text).value();
-}
+using test::Hex;
+using test::Slice;
 
 TEST(CodecTest, ConfigurationBuildsArraysAndLuns) {
     const Json config = Json::parse(R"({
@@ -33,25 +35,21 @@ TEST(CodecTest, ConfigurationBuildsArraysAndLuns) {
     ASSERT_TRUE(LoadConfig(config, &m, &error)) << error;
     const auto arrays = m.Arrays();
     ASSERT_EQ(arrays.size(), 2U);
-    EXPECT_EQ(arrays[0].spec.id, "ARRAY0001");
-    EXPECT_EQ(arrays[0].spec.major, 2);
-    EXPECT_EQ(arrays[0].spec.minor, 10);
-    EXPECT_EQ(arrays[0].spec.switch_state, 1);
-    EXPECT_EQ(arrays[0].spec.collect_version, (Version{0x0A, 0x0B, 0x0C, 0x0D}));
-    EXPECT_EQ(arrays[1].spec.id, "two");
-    EXPECT_EQ(arrays[1].spec.major, 3);  // defaults: version 3.0, switch off
-    EXPECT_EQ(arrays[1].spec.switch_state, 0);
+    const ArraySpec& a = arrays[0].spec;
+    EXPECT_EQ(std::tie(a.id, a.major, a.minor, a.switch_state, a.collect_version),
+              std::make_tuple("ARRAY0001", 2, 10, 1, Version{0x0A, 0x0B, 0x0C, 0x0D}));
+    // Defaults: version 3.0, switch off.
+    const ArraySpec& b = arrays[1].spec;
+    EXPECT_EQ(std::tie(b.id, b.major, b.minor, b.switch_state), std::make_tuple("two", 3, 0, 0));
 
     EXPECT_EQ(*m.Page("sdb", kStandardPage), Hex("00 00 06"));
     EXPECT_FALSE(m.Page("sdb", 0xC0));
     EXPECT_EQ(*m.Page("sdb", 0x83), Hex("00 83"));
     const Bytes c8 = *m.Page("sdb", 0xC8);
-    EXPECT_EQ(c8[206], 0);
-    EXPECT_EQ(c8[207], 0);  // explicit selector wins over the long name
-    EXPECT_EQ(c8[510], 0xFF);
-    EXPECT_EQ(Bytes(c8.begin() + 106, c8.begin() + 109), Hex("02 41 42"));
-    const Bytes p80 = *m.Page("sdb", 0x80);
-    EXPECT_EQ(Bytes(p80.begin() + 4, p80.begin() + 8), Hex("41 3b 42 00"));
+    EXPECT_EQ(Slice(c8, 206, 2), Hex("00 00"));  // explicit selector wins over the long name
+    EXPECT_EQ(Slice(c8, 510, 2), Hex("ff ff"));
+    EXPECT_EQ(Slice(c8, 106, 3), Hex("02 41 42"));
+    EXPECT_EQ(Slice(*m.Page("sdb", 0x80), 4, 4), Hex("41 3b 42 00"));
     ASSERT_TRUE(m.FindLun("sdd"));
     EXPECT_EQ(m.FindLun("sdd")->spec.array, "");
     EXPECT_EQ(m.FindLun("sdb")->spec.vendor, "PELKO");
@@ -97,24 +95,18 @@ TEST(CodecTest, FaultRequestsAcceptNumbersAsStrings) {
                                                "honour_timeout": "true"})"),
         &f, &error))
         << error;
-    EXPECT_EQ(f.lun, "sdb");
-    EXPECT_EQ(f.kind, *FaultKind::Parse("page80"));
+    EXPECT_EQ(std::tie(f.lun, f.kind, f.after, f.count, f.delay_ms, f.honour_timeout),
+              std::make_tuple("sdb", *FaultKind::Parse("page80"), 1U, 2U, 5U, true));
     EXPECT_EQ(f.status, 2);
     EXPECT_EQ(f.sense, Hex("70 00 03"));
-    EXPECT_EQ(f.after, 1U);
-    EXPECT_EQ(f.count, 2U);
-    EXPECT_EQ(f.delay_ms, 5U);
-    EXPECT_TRUE(f.honour_timeout);
 
     ASSERT_TRUE(ParseFaultSpec(Json::parse(R"({"errno": "ENODEV"})"), &f, &error));
-    EXPECT_EQ(f.err, ENODEV);
-    EXPECT_EQ(f.lun, "*");
+    EXPECT_EQ(std::tie(f.err, f.lun), std::make_tuple(ENODEV, "*"));
     ASSERT_TRUE(ParseFaultSpec(Json::parse(R"({"errno": 5})"), &f, &error));
     EXPECT_EQ(f.err, EIO);
     // An open fault fails with EIO unless told otherwise.
     ASSERT_TRUE(ParseFaultSpec(Json::parse(R"({"kind": "open", "open_mode": "rw"})"), &f, &error));
-    EXPECT_EQ(f.err, EIO);
-    EXPECT_EQ(f.open_mode, O_RDWR);
+    EXPECT_EQ(std::tie(f.err, f.open_mode), std::make_tuple(EIO, O_RDWR));
 
     const std::pair<const char*, const char*> bad[] = {
         {R"({"kind": "sideways", "errno": 5})", "unknown fault kind 'sideways'"},
@@ -165,24 +157,15 @@ TEST(CodecTest, RecordsSurviveTheirJsonForm) {
     c.resid = 3;
     c.transferred = 25;
     c.fault_id = 4;
-    const CommandRecord back = CommandFromJson(ToJson(c));
-    EXPECT_EQ(back.seq, c.seq);
-    EXPECT_DOUBLE_EQ(back.time.wall, c.time.wall);
-    EXPECT_EQ(back.lun, c.lun);
-    EXPECT_EQ(back.pid, c.pid);
-    EXPECT_EQ(back.open_flags, O_RDONLY);
-    EXPECT_EQ(back.dxfer_direction, -2);
-    EXPECT_EQ(back.cdb, c.cdb);
-    EXPECT_EQ(back.data_out, c.data_out);
-    EXPECT_EQ(back.data_out_digest, c.data_out_digest);
-    EXPECT_EQ(back.timeout, 30U);
-    EXPECT_EQ(back.mx_sb_len, 96);
-    EXPECT_EQ(back.status, 2);
-    EXPECT_EQ(back.host_status, 7);
-    EXPECT_EQ(back.driver_status, 8);
-    EXPECT_EQ(back.resid, 3U);
-    EXPECT_EQ(back.transferred, 25U);
-    EXPECT_EQ(back.fault_id, 4U);
+    const CommandRecord k = CommandFromJson(ToJson(c));
+    EXPECT_EQ(std::tie(k.seq, k.lun, k.pid, k.open_flags, k.dxfer_direction, k.cdb, k.data_out,
+                       k.data_out_digest, k.timeout, k.mx_sb_len),
+              std::tie(c.seq, c.lun, c.pid, c.open_flags, c.dxfer_direction, c.cdb, c.data_out,
+                       c.data_out_digest, c.timeout, c.mx_sb_len));
+    EXPECT_EQ(
+        std::tie(k.status, k.host_status, k.driver_status, k.resid, k.transferred, k.fault_id),
+        std::tie(c.status, c.host_status, c.driver_status, c.resid, c.transferred, c.fault_id));
+    EXPECT_DOUBLE_EQ(k.time.wall, c.time.wall);
     EXPECT_EQ(ToJson(c)["kind"], "c9");
     EXPECT_FALSE(ToJson(c, false).contains("data_out"));
 
@@ -197,27 +180,20 @@ TEST(CodecTest, RecordsSurviveTheirJsonForm) {
     u.luns = {"sdb", "sdc"};
     u.issues = {"x"};
     u.received = 8128;
-    const UploadAttempt ub = UploadFromJson(ToJson(u));
-    EXPECT_EQ(ub.index, 3U);
-    EXPECT_EQ(ub.size, 10000U);
-    EXPECT_EQ(ub.versions, u.versions);
-    EXPECT_EQ(ub.host_ip, u.host_ip);
-    EXPECT_EQ(ub.ip_type, 1);
-    ASSERT_EQ(ub.chunks.size(), 2U);
-    EXPECT_EQ(ub.chunks[1].lun, "sdc");
-    EXPECT_EQ(ub.chunks[1].offset, 4064U);
-    EXPECT_EQ(ub.luns, u.luns);
-    EXPECT_EQ(ub.issues, u.issues);
-    EXPECT_EQ(ub.received, 8128U);
-    EXPECT_FALSE(ub.complete);
+    const UploadAttempt v = UploadFromJson(ToJson(u));
+    EXPECT_EQ(std::tie(v.array, v.index, v.size, v.versions, v.host_ip, v.ip_type, v.luns, v.issues,
+                       v.received, v.complete),
+              std::tie(u.array, u.index, u.size, u.versions, u.host_ip, u.ip_type, u.luns, u.issues,
+                       u.received, u.complete));
+    ASSERT_EQ(v.chunks.size(), 2U);
+    EXPECT_EQ(std::tie(v.chunks[1].lun, v.chunks[1].offset), std::make_tuple("sdc", 4064U));
 
     HeartbeatRecord h;
     h.lun = "sdc";
     h.payload = Hex("00 81");
     h.issues = {"y"};
     const HeartbeatRecord hb = HeartbeatFromJson(ToJson(h));
-    EXPECT_EQ(hb.payload, h.payload);
-    EXPECT_EQ(hb.issues, h.issues);
+    EXPECT_EQ(std::tie(hb.payload, hb.issues), std::tie(h.payload, h.issues));
 
     OpenRecord o;
     o.lun = "sdb";
@@ -225,9 +201,7 @@ TEST(CodecTest, RecordsSurviveTheirJsonForm) {
     o.flags = O_RDWR;
     o.err = ENXIO;
     const OpenRecord ob = OpenFromJson(ToJson(o));
-    EXPECT_TRUE(ob.close);
-    EXPECT_EQ(ob.flags, O_RDWR);
-    EXPECT_EQ(ob.err, ENXIO);
+    EXPECT_EQ(std::tie(ob.close, ob.flags, ob.err), std::make_tuple(true, O_RDWR, ENXIO));
 }
 
 }  // namespace
