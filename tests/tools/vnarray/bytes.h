@@ -51,6 +51,28 @@ inline Bytes HeartbeatPayload(const std::string& versions) {
     return b;
 }
 
+// The 32-byte upload header of host 192.168.1.9 followed by data.
+inline Bytes Chunk(std::uint32_t size, const Bytes& data,
+                   const std::string& versions = "01 02 03 04", std::uint8_t ip_type = 0) {
+    Bytes b = Hex("00 81 00 00 00 00 10 00 " + versions + " c0 a8 01 09");
+    b.resize(32, 0);
+    for (int i = 0; i < 4; ++i) {
+        b[2 + i] = static_cast<std::uint8_t>(size >> (24 - 8 * i));
+    }
+    b[28] = ip_type;
+    b.insert(b.end(), data.begin(), data.end());
+    return b;
+}
+
+// An archive of n bytes in a pattern that does not repeat every 256.
+inline Bytes Archive(std::size_t n) {
+    Bytes b(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        b[i] = static_cast<std::uint8_t>((i * 7 + i / 251) & 0xFF);
+    }
+    return b;
+}
+
 }  // namespace vnarray::test
 
 #endif  // HIC_TESTS_TOOLS_VNARRAY_BYTES_H

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <tuple>
@@ -16,40 +17,18 @@
 namespace vnarray {
 namespace {
 
+using test::Archive;
+using test::Chunk;
 using test::HeartbeatPayload;
 using test::Hex;
 using test::InquiryCdb;
 using test::Slice;
 using test::VendorCdb;
 
-Bytes Text(const std::string& s) {
-    return Bytes(s.begin(), s.end());
-}
-
-Bytes Padded(const std::string& s, std::size_t width) {
-    Bytes b = Text(s);
-    b.resize(width, 0);
-    return b;
-}
-
-// The 32-byte upload header of host 192.168.1.9 followed by data.
-Bytes Chunk(std::uint32_t size, const Bytes& data, const std::string& versions = "01 02 03 04",
-            std::uint8_t ip_type = 0) {
-    Bytes b = Hex("00 81 00 00 00 00 10 00 " + versions + " c0 a8 01 09");
-    b.resize(32, 0);
-    for (int i = 0; i < 4; ++i) {
-        b[2 + i] = static_cast<std::uint8_t>(size >> (24 - 8 * i));
-    }
-    b[28] = ip_type;
-    b.insert(b.end(), data.begin(), data.end());
-    return b;
-}
-
-Bytes Archive(std::size_t n) {
-    Bytes b(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        b[i] = static_cast<std::uint8_t>((i * 7 + i / 251) & 0xFF);
-    }
+// Text bytes, NUL-padded to width.
+Bytes Text(const std::string& s, std::size_t width = 0) {
+    Bytes b(s.begin(), s.end());
+    b.resize(std::max(width, s.size()), 0);
     return b;
 }
 
@@ -133,17 +112,12 @@ class ModelTest : public ::testing::Test {
 };
 
 TEST_F(ModelTest, PagesCarryTheIdentityAtTheOffsetsTheHostReads) {
-    struct Case {
-        int page;
-        std::size_t size;
-        std::size_t at;
-        Bytes want;
-    };
-    const Case cases[] = {
+    const std::tuple<int, std::size_t, std::size_t, Bytes> cases[] = {
+        // page, size, at, bytes
         {kStandardPage, 96, 0, Hex("00 00 06 02 5b")},
         {kStandardPage, 96, 8, Text("TRELOX  VDISK           0001")},
         {0x80, 24, 0, Hex("00 80 00 14")},
-        {0x80, 24, 4, Padded("ARRAY0001", 20)},
+        {0x80, 24, 4, Text("ARRAY0001", 20)},
         {0x83, 24, 0, Hex("00 83 00 14 01 03 00 10")},
         {0x83, 24, 8, Hex("6e 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0f")},
         {0xC0, 716, 0, Hex("00 c0 02 c8")},
@@ -154,12 +128,12 @@ TEST_F(ModelTest, PagesCarryTheIdentityAtTheOffsetsTheHostReads) {
         {0xC8, 512, 206, Hex("00 00 00")},                             // selector 0: no long name
         {0x00, 9, 0, Hex("00 00 00 05 00 80 83 c0 c8")},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE("page " + std::to_string(c.page) + " at " + std::to_string(c.at));
-        auto page = model_.Page("sdb", c.page);
+    for (const auto& [code, size, at, want] : cases) {
+        SCOPED_TRACE("page " + std::to_string(code) + " at " + std::to_string(at));
+        auto page = model_.Page("sdb", code);
         ASSERT_TRUE(page);
-        EXPECT_EQ(page->size(), c.size);
-        EXPECT_EQ(Slice(*page, c.at, c.want.size()), c.want);
+        EXPECT_EQ(page->size(), size);
+        EXPECT_EQ(Slice(*page, at, want.size()), want);
     }
 }
 
@@ -175,11 +149,11 @@ TEST_F(ModelTest, OverridesAndPatchesReplaceTheBuiltBytes) {
     l.patches.push_back(PagePatch{0x83, 6, Hex("aa bb")});
     ASSERT_TRUE(model_.AddLun(l, &error_)) << error_;
 
-    EXPECT_EQ(Slice(*model_.Page("sde", 0x80), 4, 20), Padded("AB;CD\n", 20));
+    EXPECT_EQ(Slice(*model_.Page("sde", 0x80), 4, 20), Text("AB;CD\n", 20));
     const Bytes c8 = *model_.Page("sde", 0xC8);
     EXPECT_EQ(Slice(c8, 106, 6), Hex("05 41 42 00 43 44"));
     EXPECT_EQ(Slice(c8, 206, 2), Hex("00 01"));  // a long name selects itself
-    EXPECT_EQ(Slice(c8, 208, 12), Padded("a-long-name", 12));
+    EXPECT_EQ(Slice(c8, 208, 12), Text("a-long-name", 12));
     // The patch grew the page.
     EXPECT_EQ(*model_.Page("sde", 0x83), Hex("00 83 00 00 00 00 aa bb"));
     EXPECT_EQ(*model_.Page("sde", 0xB0), Hex("00 b0 00 01 ff"));
@@ -193,40 +167,26 @@ TEST_F(ModelTest, OverridesAndPatchesReplaceTheBuiltBytes) {
 }
 
 TEST_F(ModelTest, InquiryMovesTheSmallestOfAllocationPageAndBuffer) {
-    struct Case {
-        bool evpd;
-        std::uint8_t page;
-        std::uint16_t alloc;
-        std::uint32_t dxfer_len;
-        std::uint32_t moved;
-    };
-    const Case cases[] = {
+    // evpd, page, allocation length, buffer length, bytes moved
+    const std::tuple<bool, std::uint8_t, std::uint16_t, std::uint32_t, std::uint32_t> cases[] = {
         {false, 0, 36, 36, 36},      {false, 0, 255, 255, 96},
         {false, 0, 36, 20, 20},      {false, 0, 0, 36, 0},
         {true, 0x80, 28, 28, 24},    {true, 0x83, 24, 24, 24},
         {true, 0xC0, 716, 716, 716}, {true, 0xC8, 512, 512, 512},
         {true, 0xC8, 100, 512, 100}, {true, 0xC8, 0x1234, 8192, 512},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::to_string(c.page) + " alloc " + std::to_string(c.alloc) + " dxfer " +
-                     std::to_string(c.dxfer_len));
-        const SgResponse r = Inquiry("sdb", c.evpd, c.page, c.alloc, c.dxfer_len);
-        EXPECT_EQ(r.err, 0);
-        EXPECT_EQ(r.status, 0);
-        const Bytes page = *model_.Page("sdb", c.evpd ? c.page : kStandardPage);
-        EXPECT_EQ(r.data_in, Slice(page, 0, c.moved));
-        EXPECT_EQ(r.resid, c.dxfer_len - c.moved);
+    for (const auto& [evpd, code, alloc, dxfer_len, moved] : cases) {
+        SCOPED_TRACE(std::to_string(code) + " alloc " + std::to_string(alloc) + " dxfer " +
+                     std::to_string(dxfer_len));
+        const SgResponse r = Inquiry("sdb", evpd, code, alloc, dxfer_len);
+        const Bytes page = *model_.Page("sdb", evpd ? code : kStandardPage);
+        EXPECT_EQ(std::tie(r.err, r.status, r.data_in, r.resid),
+                  std::make_tuple(0, 0, Slice(page, 0, moved), dxfer_len - moved));
     }
 }
 
 TEST_F(ModelTest, RefusedCommandsEndInCheckConditionWithSense) {
-    struct Case {
-        const char* what;
-        SgResponse r;
-        std::uint8_t asc;
-        std::uint32_t resid;
-    };
-    const Case cases[] = {
+    const std::tuple<const char*, SgResponse, std::uint8_t, std::uint32_t> cases[] = {
         {"page code without EVPD", Inquiry("sdb", false, 0x80, 36, 36), 0x24, 36},
         {"unsupported page", Inquiry("sdb", true, 0xB0, 36, 36), 0x24, 36},
         {"page the LUN lacks", Inquiry("sdd", true, 0xC0, 716, 716), 0x24, 716},
@@ -234,12 +194,11 @@ TEST_F(ModelTest, RefusedCommandsEndInCheckConditionWithSense) {
         {"vendor command on a LUN of no array",
          Vendor("sdd", VendorCdb(kOpQuerySwitch, 0, 4096), kDxferFromDev, 4096), 0x20, 4096},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        EXPECT_EQ(
-            std::tie(c.r.err, c.r.status, c.r.driver_status, c.r.sense, c.r.data_in, c.r.resid),
-            std::make_tuple(0, kStatusCheckCondition, kDriverSense, FixedSense(0x05, c.asc, 0),
-                            Bytes(), c.resid));
+    for (const auto& [what, r, asc, resid] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(std::tie(r.err, r.status, r.driver_status, r.sense, r.data_in, r.resid),
+                  std::make_tuple(0, kStatusCheckCondition, kDriverSense, FixedSense(0x05, asc, 0),
+                                  Bytes(), resid));
     }
     // Sense never exceeds the caller's room.
     EXPECT_EQ(Inquiry("sdb", true, 0xB0, 36, 36, 8).sense, Slice(FixedSense(0x05, 0x24, 0), 0, 8));

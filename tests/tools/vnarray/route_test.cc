@@ -33,6 +33,7 @@ constexpr const char* kConfig = R"({
            {"dev": "sdd", "vendor": "ATA", "pages": {"c0": null, "c8": null}}]
 })";
 
+using test::Archive;
 using test::HeartbeatPayload;
 using test::Hex;
 using test::InquiryCdb;
@@ -212,17 +213,14 @@ TEST_F(RouteTest, VendorCommandsMoveTheirDataBothWays) {
                               payload, std::vector<std::string>()));
 
     // A 10000-byte archive in three chunks, the last through another LUN.
-    Bytes archive(10000);
-    for (std::size_t i = 0; i < archive.size(); ++i) {
-        archive[i] = static_cast<std::uint8_t>(i * 13 + 1);
-    }
+    const Bytes archive = Archive(10000);
     hic::UniqueFd rw2 = Open("/dev/sdc", O_RDWR);
     for (std::size_t offset = 0; offset < archive.size(); offset += 4064) {
         const std::size_t n = std::min<std::size_t>(4064, archive.size() - offset);
         Bytes buf = Hex("00 81 00 00 27 10 10 00 0a 0b 0c 0d c0 a8 01 09");
         buf.resize(32, 0);
-        buf.insert(buf.end(), archive.begin() + static_cast<std::ptrdiff_t>(offset),
-                   archive.begin() + static_cast<std::ptrdiff_t>(offset + n));
+        const Bytes data = Slice(archive, offset, n);
+        buf.insert(buf.end(), data.begin(), data.end());
         const int fd = offset < 8128 ? rw.Get() : rw2.Get();
         const SgResult r =
             SendSg(fd, VendorCdb(0xCA, offset, static_cast<std::uint32_t>(buf.size())),
@@ -365,15 +363,31 @@ TEST_F(RouteTest, CommandLineClientTellsSuccessByItsExitStatus) {
               std::make_tuple(Json("c9"), Json(2), Json(1)));
 }
 
-// Its own vnarray: how one starts and ends.
+// Its own vnarray, installing into / and into another root: Stop takes the
+// LUNs away, leaves the root as it found it and ends cleanly.
 TEST(RigTest, StopTakesTheLunsAwayAndEndsCleanly) {
-    Rig rig(R"({"arrays": [{"sn": "A1"}], "luns": [{"dev": "sdf", "array": "A1"}]})");
-    rig.Start();
-    EXPECT_TRUE(Exists("/dev/sdf"));
-    EXPECT_EQ(rig.Stop(), 0);
-    EXPECT_FALSE(Exists("/dev/sdf"));
-    EXPECT_FALSE(Exists("/sys/block/sdf"));
-    EXPECT_FALSE(Exists(rig.mount_dir()));
+    char tmpl[] = "/tmp/vnarray-root.XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    for (const std::string& root : {std::string(), std::string(tmpl)}) {
+        SCOPED_TRACE("root '" + root + "'");
+        RigOptions options;
+        options.install_root = root.empty() ? "/" : root;
+        Rig rig(R"({"arrays": [{"sn": "A1"}], "luns": [{"dev": "sdf", "array": "A1"}]})", options);
+        rig.Start();
+        EXPECT_TRUE(IsDir(root + "/sys/block/sdf"));
+        EXPECT_EQ(Exists("/dev/sdf"), root.empty());
+        hic::UniqueFd fd = Open((root + "/dev/sdf").c_str(), O_RDWR);
+        EXPECT_EQ(Inquiry(fd.Get(), false, 0, 36).rc, 0);
+        fd.Reset();
+        EXPECT_EQ(rig.Stop(), 0);
+        EXPECT_FALSE(Exists(root + "/dev/sdf"));
+        EXPECT_FALSE(Exists(root + "/sys/block/sdf"));
+        EXPECT_FALSE(Exists(rig.mount_dir()));
+    }
+    for (const char* dir : {"/sys/block", "/sys", "/dev"}) {
+        ::rmdir((tmpl + std::string(dir)).c_str());
+    }
+    EXPECT_EQ(::rmdir(tmpl), 0);
 }
 
 TEST(RigTest, SigtermEndsItCleanlyToo) {
@@ -387,29 +401,6 @@ TEST(RigTest, SigtermEndsItCleanlyToo) {
     EXPECT_FALSE(Exists("/dev/sdg"));
     EXPECT_FALSE(Exists("/sys/block/sdg"));
     EXPECT_EQ(rig.Stop(), 0);
-}
-
-TEST(RigTest, AnotherInstallRootIsMadeAndLeftAsFound) {
-    char tmpl[] = "/tmp/vnarray-root.XXXXXX";
-    ASSERT_NE(::mkdtemp(tmpl), nullptr);
-    const std::string root = tmpl;
-    RigOptions options;
-    options.install_root = root;
-    Rig rig(R"({"luns": [{"dev": "sdh"}]})", options);
-    rig.Start();
-    EXPECT_TRUE(Exists(root + "/dev/sdh"));
-    EXPECT_TRUE(IsDir(root + "/sys/block/sdh"));
-    EXPECT_FALSE(Exists("/dev/sdh"));
-    hic::UniqueFd fd = Open((root + "/dev/sdh").c_str(), O_RDWR);
-    EXPECT_EQ(Inquiry(fd.Get(), false, 0, 36).rc, 0);
-    fd.Reset();
-    EXPECT_EQ(rig.Stop(), 0);
-    EXPECT_FALSE(Exists(root + "/dev/sdh"));
-    EXPECT_FALSE(Exists(root + "/sys/block/sdh"));
-    ::rmdir((root + "/sys/block").c_str());
-    ::rmdir((root + "/sys").c_str());
-    ::rmdir((root + "/dev").c_str());
-    EXPECT_EQ(::rmdir(root.c_str()), 0);
 }
 
 TEST(RigTest, ABadConfigurationFailsTheStart) {
