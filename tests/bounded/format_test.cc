@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include "bounded/arena.h"
 #include "bounded/bounded.h"
@@ -147,13 +148,8 @@ TEST(SprintfAndSnprintf, ChecksAndTruncation) {
 }
 
 TEST(BoundedWriter, ReportsTruncation) {
-    struct Case {
-        const char* format;
-        uint32_t size;
-        int result;
-        std::string dest;  // expected bytes from the start
-    };
-    const Case cases[] = {
+    // format, size, result, and the bytes from the start
+    const std::tuple<const char*, uint32_t, int, std::string> cases[] = {
         {"abcd", 5, 4, "abcd\0"s},
         {"abcde", 5, -2, "abcd\0"s},
         {"abcdefgh", 5, -2, "abcd\0"s},
@@ -164,11 +160,11 @@ TEST(BoundedWriter, ReportsTruncation) {
         // The error comes only after the buffer is full: reported as cut.
         {"abcde%y", 5, -2, "abcd\0"s},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.format);
+    for (const auto& [format, size, result, dest] : cases) {
+        SCOPED_TRACE(format);
         Arena arena;
-        EXPECT_EQ(Write(arena.Dest(), c.size, c.format), c.result);
-        arena.Expect(0, c.dest);
+        EXPECT_EQ(Write(arena.Dest(), size, format), result);
+        arena.Expect(0, dest);
         EXPECT_TRUE(arena.Matches());
     }
 }

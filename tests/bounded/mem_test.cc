@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 
 #include "bounded/arena.h"
 #include "bounded/bounded.h"
@@ -90,15 +91,9 @@ TEST(MemCopies, OverlapZeroesForMemcpyAndIsCopiedByMemmove) {
 }
 
 TEST(MemsetS, ResultsAndBytes) {
-    struct Case {
-        const char* name;
-        bool nullDest;
-        uint32_t destMax;
-        uint32_t count;
-        int code;
-        uint32_t filled;  // bytes from dest expected to hold 'A', the low byte of the fill
-    };
-    const Case cases[] = {
+    // name, null dest, destMax, count, code, and the bytes from dest then
+    // holding 'A', the fill's low byte
+    const std::tuple<const char*, bool, uint32_t, uint32_t, int, uint32_t> cases[] = {
         {"fills count bytes", false, 10, 5, 0, 5},
         {"count equal to destMax", false, 10, 10, 0, 10},
         {"count 0", false, 10, 0, 0, 0},
@@ -113,11 +108,11 @@ TEST(MemsetS, ResultsAndBytes) {
         {"null dest before count", true, 10, 20, 22, 0},
         {"largest destMax", false, 0x7FFFFFFF, 4, 0, 4},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, nullDest, destMax, count, code, filled] : cases) {
+        SCOPED_TRACE(name);
         Arena arena;
-        EXPECT_EQ(memset_s(c.nullDest ? nullptr : arena.Dest(), c.destMax, 0x141, c.count), c.code);
-        arena.Expect(0, std::string(c.filled, 'A'));
+        EXPECT_EQ(memset_s(nullDest ? nullptr : arena.Dest(), destMax, 0x141, count), code);
+        arena.Expect(0, std::string(filled, 'A'));
         EXPECT_TRUE(arena.Matches());
     }
 }

@@ -20,6 +20,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -198,35 +199,28 @@ TEST(LogLevelTest, LevelNames) {
 }
 
 TEST_F(LogTest, LineIsWrittenOnlyWhenLevelAllowsIt) {
-    struct Case {
-        int current;
-        int message;
-        bool written;
-        const char* levelText;
+    // Current level, message level, and the level's name on the line; none
+    // when the line is filtered out.
+    const std::tuple<int, int, const char*> cases[] = {
+        {1, 0, nullptr},  {1, 1, "INFO"},    {1, 2, "WARN"},  {1, 3, "ERR"},   {0, 0, "DEBUG"},
+        {0, 3, "ERR"},    {3, 2, nullptr},   {3, 3, "ERR"},   {4, 3, nullptr}, {0, 7, "ERROR"},
+        {0, -1, nullptr}, {-1, -1, "ERROR"}, {2, 1, nullptr}, {2, 2, "WARN"},
     };
-    const Case cases[] = {
-        {1, 0, false, "DEBUG"}, {1, 1, true, "INFO"},    {1, 2, true, "WARN"},
-        {1, 3, true, "ERR"},    {0, 0, true, "DEBUG"},   {0, 3, true, "ERR"},
-        {3, 2, false, "WARN"},  {3, 3, true, "ERR"},     {4, 3, false, "ERR"},
-        {0, 7, true, "ERROR"},  {0, -1, false, "ERROR"}, {-1, -1, true, "ERROR"},
-        {2, 1, false, "INFO"},  {2, 2, true, "WARN"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE("current " + std::to_string(c.current) + " message " +
-                     std::to_string(c.message));
+    for (const auto& [current, message, levelText] : cases) {
+        SCOPED_TRACE("current " + std::to_string(current) + " message " + std::to_string(message));
         (void)std::remove(HIC_LOG_PATH);
-        HIC_SetLogLevel(c.current);
+        HIC_SetLogLevel(current);
         const time_t before = std::time(nullptr);
-        const int line = LogAtLevel(c.message, "hello there\n");
+        const int line = LogAtLevel(message, "hello there\n");
         const time_t after = std::time(nullptr);
         const std::string log = ReadFile(HIC_LOG_PATH);
-        if (!c.written) {
+        if (levelText == nullptr) {
             EXPECT_EQ(log, "");
             continue;
         }
         const auto [date, rest] = SplitDate(log);
         ExpectDate(date, before, after);
-        EXPECT_EQ(rest, Tail(c.levelText, "LogAtLevel", line, "hello there\n"));
+        EXPECT_EQ(rest, Tail(levelText, "LogAtLevel", line, "hello there\n"));
     }
 }
 
