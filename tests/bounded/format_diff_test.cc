@@ -133,18 +133,18 @@ class Differential {
         if ((size == 1 || size == 2) && Uniform(0, 1) == 1) {
             size = 0;
         }
-        using Gen = void (Differential::*)(bool);
+        using Gen = void (*)(Differential&, bool);
         static constexpr Gen kBySize[] = {
-            &Differential::IntegerOf<int, unsigned>,
-            &Differential::IntegerOf<signed char, unsigned char>,
-            &Differential::IntegerOf<short, unsigned short>,
-            &Differential::IntegerOf<long, unsigned long>,
-            &Differential::IntegerOf<long long, unsigned long long>,
-            &Differential::IntegerOf<intmax_t, uintmax_t>,
-            &Differential::IntegerOf<ssize_t, size_t>,
-            &Differential::IntegerOf<ptrdiff_t, ptrdiff_t>,
+            [](Differential& d, bool s) { d.IntegerOf<int, unsigned>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<signed char, unsigned char>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<short, unsigned short>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<long, unsigned long>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<long long, unsigned long long>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<intmax_t, uintmax_t>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<ssize_t, size_t>(s); },
+            [](Differential& d, bool s) { d.IntegerOf<ptrdiff_t, ptrdiff_t>(s); },
         };
-        (this->*kBySize[size])(conv == 'd' || conv == 'i');
+        kBySize[size](*this, conv == 'd' || conv == 'i');
     }
 
     void Character() {
