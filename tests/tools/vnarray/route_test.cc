@@ -140,35 +140,28 @@ TEST_F(RouteTest, LunsAreInstalledAndOpenReadOnlyAndReadWrite) {
 }
 
 TEST_F(RouteTest, InquiryDeliversEachPageAsTheModelLaysItOut) {
-    struct Case {
-        const char* dev;
-        const char* key;
-        std::size_t page_len;
-        std::uint16_t alloc;
-        std::uint8_t page;
-        bool evpd;
-    };
-    const Case cases[] = {
-        {"sdb", "std", 96, 36, 0, false},    {"sdb", "std", 96, 255, 0, false},
-        {"sdb", "80", 24, 28, 0x80, true},   {"sdb", "83", 24, 24, 0x83, true},
-        {"sdb", "c0", 716, 716, 0xC0, true}, {"sdc", "c8", 512, 512, 0xC8, true},
-        {"sdd", "std", 96, 36, 0, false},
+    // LUN, page ("std" or the VPD page in hex), its length, allocation length
+    const std::tuple<const char*, std::string, std::size_t, std::uint16_t> cases[] = {
+        {"sdb", "std", 96, 36}, {"sdb", "std", 96, 255}, {"sdb", "80", 24, 28},
+        {"sdb", "83", 24, 24},  {"sdb", "c0", 716, 716}, {"sdc", "c8", 512, 512},
+        {"sdd", "std", 96, 36},
     };
     hic::UniqueFd fds[] = {Open("/dev/sdb", O_RDONLY), Open("/dev/sdc", O_RDONLY),
                            Open("/dev/sdd", O_RDONLY)};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.dev) + " page " + c.key + " alloc " + std::to_string(c.alloc));
-        const int fd = fds[c.dev[2] - 'b'].Get();
-        const SgResult r = Inquiry(fd, c.evpd, c.page, c.alloc);
+    for (const auto& [dev, key, page_len, alloc] : cases) {
+        SCOPED_TRACE(std::string(dev) + " page " + key + " alloc " + std::to_string(alloc));
+        const bool evpd = key != "std";
+        const auto page = static_cast<std::uint8_t>(evpd ? std::stoi(key, nullptr, 16) : 0);
+        const SgResult r = Inquiry(fds[dev[2] - 'b'].Get(), evpd, page, alloc);
         ASSERT_EQ(r.rc, 0) << std::strerror(r.err);
-        const std::size_t moved = std::min<std::size_t>(c.alloc, c.page_len);
+        const std::size_t moved = std::min<std::size_t>(alloc, page_len);
         EXPECT_EQ(std::make_tuple(r.hdr.status, r.hdr.host_status, r.hdr.driver_status,
                                   r.hdr.sb_len_wr, r.hdr.info & SG_INFO_OK_MASK, r.hdr.resid),
-                  std::make_tuple(0, 0, 0, 0, SG_INFO_OK, static_cast<int>(c.alloc - moved)));
-        Bytes want = client().Page(c.dev, c.key);
-        ASSERT_EQ(want.size(), c.page_len);
+                  std::make_tuple(0, 0, 0, 0, SG_INFO_OK, static_cast<int>(alloc - moved)));
+        Bytes want = client().Page(dev, key);
+        ASSERT_EQ(want.size(), page_len);
         want.resize(moved);
-        want.resize(c.alloc, 0xEE);  // nothing is written past what was moved
+        want.resize(alloc, 0xEE);  // nothing is written past what was moved
         EXPECT_EQ(r.data, want);
     }
     // What the array saw of the request.
@@ -257,46 +250,37 @@ TEST_F(RouteTest, ScatterGatherListsAreFollowed) {
 }
 
 TEST_F(RouteTest, EveryFaultKindReachesTheCaller) {
-    struct Case {
-        const char* what;
-        Json fault;
-        int err;
-        int status;
-        int host;
-        int driver;
-        int sb_len_wr;
-        int resid;
-        std::size_t written;
-    };
-    const Case cases[] = {
-        {"errno", {{"errno", "EIO"}}, EIO, 0, 0, 0, 0, 0, 0},
-        {"errno by number", {{"errno", 6}}, ENXIO, 0, 0, 0, 0, 0, 0},
-        {"check condition", {{"status", 2}}, 0, 2, 0, 8, 18, 36, 0},
-        {"host status", {{"host_status", 7}}, 0, 0, 7, 0, 0, 36, 0},
-        {"driver status alone", {{"driver_status", 8}}, 0, 0, 0, 8, 0, 36, 0},
-        {"short transfer", {{"short", 10}}, 0, 0, 0, 0, 0, 26, 10},
-        {"delay", {{"delay_ms", 20}}, 0, 0, 0, 0, 0, 0, 36},
+    // fault; the ioctl's errno; status, host, driver, sense length and
+    // resid; the bytes written
+    const std::tuple<Json, int, std::tuple<int, int, int, int, int>, std::size_t> cases[] = {
+        {{{"errno", "EIO"}}, EIO, {}, 0},
+        {{{"errno", 6}}, ENXIO, {}, 0},
+        {{{"status", 2}}, 0, {2, 0, 8, 18, 36}, 0},
+        {{{"host_status", 7}}, 0, {0, 7, 0, 0, 36}, 0},
+        {{{"driver_status", 8}}, 0, {0, 0, 8, 0, 36}, 0},
+        {{{"short", 10}}, 0, {0, 0, 0, 0, 26}, 10},
+        {{{"delay_ms", 20}}, 0, {0, 0, 0, 0, 0}, 36},
     };
     hic::UniqueFd fd = Open("/dev/sdb", O_RDONLY);
     const Bytes page = client().Page("sdb", "std");
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [given, err, hdr, written] : cases) {
+        SCOPED_TRACE(given.dump());
         client().ClearFaults();
-        Json fault = c.fault;
+        Json fault = given;
         fault["lun"] = "sdb";
         fault["kind"] = "std";
         client().InjectFault(fault);
         const SgResult r = Inquiry(fd.Get(), false, 0, 36);
-        EXPECT_EQ(std::tie(r.rc, r.err), std::make_tuple(c.err == 0 ? 0 : -1, c.err));
+        EXPECT_EQ(std::tie(r.rc, r.err), std::make_tuple(err == 0 ? 0 : -1, err));
         // The array applied the fault to this command.
         EXPECT_TRUE(client().Commands({{"lun", "sdb"}}).back().fault_id.has_value());
-        if (c.err != 0) {
+        if (err != 0) {
             continue;
         }
         EXPECT_EQ(std::make_tuple(r.hdr.status, r.hdr.host_status, r.hdr.driver_status,
                                   r.hdr.sb_len_wr, r.hdr.resid),
-                  std::make_tuple(c.status, c.host, c.driver, c.sb_len_wr, c.resid));
-        Bytes want = Slice(page, 0, c.written);
+                  hdr);
+        Bytes want = Slice(page, 0, written);
         want.resize(36, 0xEE);
         EXPECT_EQ(r.data, want);
     }
