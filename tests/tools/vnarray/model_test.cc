@@ -60,17 +60,14 @@ SgResponse Exec(Model& m, const std::string& dev, const Bytes& cdb, int directio
 class ModelTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(model_.AddArray(ArraySpec{"", "ARRAY0001", "array-one", 2, 7, 0, {}}, &error_))
+        ASSERT_TRUE(LoadConfig(Json::parse(R"({
+          "arrays": [{"sn": "ARRAY0001", "name": "array-one", "major": 2, "minor": 7}],
+          "luns": [{"dev": "sdb", "array": "ARRAY0001", "name": "lun-b",
+                    "wwn": "6e000102030405060708090a0b0c0d0f"},
+                   {"dev": "sdc", "array": "ARRAY0001"},
+                   {"dev": "sdd", "vendor": "ATA", "pages": {"c0": null}}]})"),
+                               &model_, &error_))
             << error_;
-        LunSpec b = Lun("sdb", "ARRAY0001");
-        b.name = "lun-b";
-        b.wwn = Wwn{0x6E, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 0x0F};
-        LunSpec d = Lun("sdd", "");
-        d.vendor = "ATA";
-        d.pages[0xC0] = std::nullopt;
-        for (const LunSpec& l : {b, Lun("sdc", "ARRAY0001"), d}) {
-            ASSERT_TRUE(model_.AddLun(l, &error_)) << error_;
-        }
     }
 
     std::uint64_t Id(const std::string& dev) { return model_.FindLun(dev)->id; }
