@@ -126,6 +126,31 @@ class CollectTest : public RigTest {
         ASSERT_TRUE(CollectRig::WaitReleased());
     }
 
+    // ROAD01 alone asks for a collection, with a fault (JSON) and script
+    // settings, then one pass. Pass() also proves every record idle again.
+    static void RequestAndPass(const std::string& fault = "", const std::string& conf = "",
+                               const std::string& version = "00000001") {
+        CollectRig::UseArrays({"ROAD01"});
+        if (!fault.empty()) {
+            array().InjectFault(vnarray::Json::parse(fault));
+        }
+        ScriptConf("ROAD01", conf);
+        array().RaiseSwitch("ROAD01", version);
+        Pass();
+    }
+
+    // The LUNs of the commands of a kind, space-separated; only failed ones
+    // if asked.
+    static std::string LunsOf(const std::string& kind, bool failed = false) {
+        std::string out;
+        for (const auto& cmd : array().Commands({{"kind", kind}})) {
+            if (!failed || cmd.status != 0) {
+                out += (out.empty() ? "" : " ") + cmd.lun;
+            }
+        }
+        return out;
+    }
+
     static Bytes Versions(const HIC_ArrayInfo& a) { return {a.versions, a.versions + 4}; }
 };
 
