@@ -31,10 +31,6 @@ struct BudgetCase {
     bool finished;
 };
 
-void PrintTo(const BudgetCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class BudgetTest : public CollectTest, public ::testing::WithParamInterface<BudgetCase> {
   protected:
     HIC_ArrayInfo& ArmedWithArchive() {

@@ -128,10 +128,6 @@ struct GateCase {
     LogList log;    // at DEBUG, after the version check
 };
 
-void PrintTo(const GateCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class GateTest : public CollectTest, public ::testing::WithParamInterface<GateCase> {};
 
 TEST_P(GateTest, DecidesOnSwitchVersionAndSoftware) {
@@ -188,10 +184,6 @@ struct FailoverCase {
     const char* uploadDev;
     LogList hbFailures;  // heartbeat thread, right after its start
 };
-
-void PrintTo(const FailoverCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class FailoverTest : public CollectTest, public ::testing::WithParamInterface<FailoverCase> {};
 

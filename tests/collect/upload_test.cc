@@ -68,10 +68,6 @@ struct RefusedCase {
     LogList perLun;     // lines after "begin write", for each LUN
 };
 
-void PrintTo(const RefusedCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class RefusedTest : public UploadTest, public ::testing::WithParamInterface<RefusedCase> {};
 
 TEST_P(RefusedTest, EveryLunTriedNoneWritten) {

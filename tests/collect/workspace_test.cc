@@ -26,10 +26,6 @@ struct SnCase {
     int expected;
 };
 
-void PrintTo(const SnCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class ArraySnTest : public ::testing::TestWithParam<SnCase> {};
 
 TEST_P(ArraySnTest, LettersAndDigitsOnly) {
@@ -54,10 +50,6 @@ struct DeleteCase {
     const char* path;   // null is refused quietly
     const char* check;  // shell test that must hold afterwards
 };
-
-void PrintTo(const DeleteCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class DeleteTest : public SandboxTest, public ::testing::WithParamInterface<DeleteCase> {
   protected:

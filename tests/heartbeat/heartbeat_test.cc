@@ -45,10 +45,6 @@ struct RunCase {
     LogList log;        // after the thread's start line
 };
 
-void PrintTo(const RunCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class HeartbeatTest : public RigTest, public ::testing::WithParamInterface<RunCase> {};
 
 TEST_P(HeartbeatTest, BeatsUntilWorkFinished) {

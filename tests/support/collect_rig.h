@@ -151,17 +151,15 @@ inline void ExpectDaemonRequest(const vnarray::CommandRecord& r, int direction, 
     EXPECT_EQ(r.open_flags, openFlags);
 }
 
-inline std::string Line(const std::string& level, const std::string& func, const std::string& msg) {
-    return level + " " + func + ": " + msg;
-}
+// A log line as LoggedMessages() gives it.
 inline std::string Info(const std::string& func, const std::string& msg) {
-    return Line("INFO", func, msg);
+    return "INFO " + func + ": " + msg;
 }
 inline std::string Err(const std::string& func, const std::string& msg) {
-    return Line("ERR", func, msg);
+    return "ERR " + func + ": " + msg;
 }
 inline std::string Debug(const std::string& func, const std::string& msg) {
-    return Line("DEBUG", func, msg);
+    return "DEBUG " + func + ": " + msg;
 }
 
 using LogList = std::vector<std::string>;
