@@ -2,8 +2,8 @@
 // precedence, and the exact bytes around the destination afterwards.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
+#include <tuple>
 
 #include "bounded/arena.h"
 #include "bounded/bounded.h"
@@ -11,138 +11,108 @@
 namespace {
 
 using hic::test::Arena;
+using CopyFn = int (*)(void*, uint32_t, const void*, uint32_t);
 
 constexpr char kOutsideText[] = "0123456789abcdefghijklmnopqrstuvwxyz";
-
-enum class Src { kNull, kOutside, kArena };
-enum class Outcome { kUntouched, kCopied, kZeroed };
+// Source positions other than an offset from the destination.
+constexpr std::ptrdiff_t kNullSrc = 1000;
+constexpr std::ptrdiff_t kOutside = 2000;
 
 struct CopyCase {
     const char* name;
     bool nullDest;
     uint32_t destMax;
-    Src src;
-    std::ptrdiff_t srcOffset;  // from the destination, for Src::kArena
+    std::ptrdiff_t src;  // kNullSrc, kOutside or an offset from the destination
     uint32_t count;
-    int code;
-    Outcome outcome;
+    int code;  // 0 leaves the copy; 150, 162 and 182 an emptied destMax; others no change
 };
-
-using CopyFn = int (*)(void*, uint32_t, const void*, uint32_t);
 
 void RunCopyCase(CopyFn fn, const CopyCase& c) {
     SCOPED_TRACE(c.name);
     Arena arena;
-    const char* src = nullptr;
-    if (c.src == Src::kOutside) {
-        src = kOutsideText;
-    } else if (c.src == Src::kArena) {
-        src = arena.At(c.srcOffset);
-    }
-    // What the source holds before the call: the result of a correct copy
-    // even when the areas overlap.
+    const char* src = c.src == kNullSrc   ? nullptr
+                      : c.src == kOutside ? kOutsideText
+                                          : arena.At(c.src);
+    // The source's bytes before the call: what a correct copy leaves even
+    // when the areas overlap.
     const std::string before = src != nullptr ? std::string(src, c.count) : std::string();
-
     EXPECT_EQ(fn(c.nullDest ? nullptr : arena.Dest(), c.destMax, src, c.count), c.code);
-    if (c.outcome == Outcome::kCopied) {
+    if (c.code == 0) {
         arena.Expect(0, before);
-    } else if (c.outcome == Outcome::kZeroed) {
+    } else if (c.code == 150 || c.code == 162 || c.code == 182) {
         arena.Expect(0, std::string(c.destMax, '\0'));
     }
     EXPECT_TRUE(arena.Matches());
 }
 
-// Cases both copies treat alike.
-const CopyCase kCommonCases[] = {
-    {"copies count bytes", false, 10, Src::kOutside, 0, 7, 0, Outcome::kCopied},
-    {"count equal to destMax", false, 10, Src::kOutside, 0, 10, 0, Outcome::kCopied},
-    {"count 0", false, 10, Src::kOutside, 0, 0, 0, Outcome::kUntouched},
-    {"largest destMax", false, 0x7FFFFFFF, Src::kOutside, 0, 3, 0, Outcome::kCopied},
-    {"destMax 0", false, 0, Src::kOutside, 0, 1, 34, Outcome::kUntouched},
-    {"destMax above max", false, 0x80000000, Src::kOutside, 0, 1, 34, Outcome::kUntouched},
-    {"destMax all ones", false, 0xFFFFFFFF, Src::kOutside, 0, 1, 34, Outcome::kUntouched},
-    {"destMax checked before dest", true, 0, Src::kOutside, 0, 1, 34, Outcome::kUntouched},
-    {"null dest", true, 10, Src::kOutside, 0, 1, 22, Outcome::kUntouched},
-    {"null dest before null src", true, 10, Src::kNull, 0, 1, 22, Outcome::kUntouched},
-    {"null src", false, 10, Src::kNull, 0, 5, 150, Outcome::kZeroed},
-    {"null src with count 0", false, 10, Src::kNull, 0, 0, 150, Outcome::kZeroed},
-    {"null src before count", false, 10, Src::kNull, 0, 16, 150, Outcome::kZeroed},
-    {"16 bytes into 10", false, 10, Src::kOutside, 0, 16, 162, Outcome::kZeroed},
-    {"count 1 above destMax", false, 10, Src::kOutside, 0, 11, 162, Outcome::kZeroed},
-    {"too long onto itself", false, 10, Src::kArena, 0, 11, 162, Outcome::kZeroed},
-    {"onto itself", false, 10, Src::kArena, 0, 5, 0, Outcome::kUntouched},
-    {"count 0 onto itself", false, 10, Src::kArena, 0, 0, 0, Outcome::kUntouched},
-    {"source right behind", false, 10, Src::kArena, 4, 4, 0, Outcome::kCopied},
-    {"source right before", false, 10, Src::kArena, -4, 4, 0, Outcome::kCopied},
-};
-
-class MemcpyCommon : public ::testing::TestWithParam<CopyCase> {};
-TEST_P(MemcpyCommon, Case) {
-    RunCopyCase(memcpy_s, GetParam());
-}
-INSTANTIATE_TEST_SUITE_P(Bounded, MemcpyCommon, ::testing::ValuesIn(kCommonCases));
-
-class MemmoveCommon : public ::testing::TestWithParam<CopyCase> {};
-TEST_P(MemmoveCommon, Case) {
-    RunCopyCase(memmove_s, GetParam());
-}
-INSTANTIATE_TEST_SUITE_P(Bounded, MemmoveCommon, ::testing::ValuesIn(kCommonCases));
-
-TEST(MemcpyS, OverlapZeroesDestination) {
+TEST(MemCopies, CommonCases) {
     const CopyCase cases[] = {
-        {"source inside destination", false, 10, Src::kArena, 2, 4, 182, Outcome::kZeroed},
-        {"source ends inside", false, 10, Src::kArena, -2, 4, 182, Outcome::kZeroed},
-        {"one shared byte behind", false, 10, Src::kArena, 3, 4, 182, Outcome::kZeroed},
-        {"one shared byte before", false, 10, Src::kArena, -3, 4, 182, Outcome::kZeroed},
+        {"copies count bytes", false, 10, kOutside, 7, 0},
+        {"count equal to destMax", false, 10, kOutside, 10, 0},
+        {"count 0", false, 10, kOutside, 0, 0},
+        {"largest destMax", false, 0x7FFFFFFF, kOutside, 3, 0},
+        {"destMax 0", false, 0, kOutside, 1, 34},
+        {"destMax above max", false, 0x80000000, kOutside, 1, 34},
+        {"destMax all ones", false, 0xFFFFFFFF, kOutside, 1, 34},
+        {"destMax checked before dest", true, 0, kOutside, 1, 34},
+        {"null dest", true, 10, kOutside, 1, 22},
+        {"null dest before null src", true, 10, kNullSrc, 1, 22},
+        {"null src", false, 10, kNullSrc, 5, 150},
+        {"null src with count 0", false, 10, kNullSrc, 0, 150},
+        {"null src before count", false, 10, kNullSrc, 16, 150},
+        {"16 bytes into 10", false, 10, kOutside, 16, 162},
+        {"count 1 above destMax", false, 10, kOutside, 11, 162},
+        {"too long onto itself", false, 10, 0, 11, 162},
+        {"onto itself", false, 10, 0, 5, 0},
+        {"count 0 onto itself", false, 10, 0, 0, 0},
+        {"source right behind", false, 10, 4, 4, 0},
+        {"source right before", false, 10, -4, 4, 0},
     };
-    for (const CopyCase& c : cases) {
-        RunCopyCase(memcpy_s, c);
+    for (const CopyFn fn : {&memcpy_s, &memmove_s}) {
+        SCOPED_TRACE(fn == &memcpy_s ? "memcpy_s" : "memmove_s");
+        for (const CopyCase& c : cases) {
+            RunCopyCase(fn, c);
+        }
     }
 }
 
-TEST(MemmoveS, OverlapIsCopied) {
-    const CopyCase cases[] = {
-        {"source inside destination", false, 10, Src::kArena, 2, 6, 0, Outcome::kCopied},
-        {"source before destination", false, 10, Src::kArena, -3, 8, 0, Outcome::kCopied},
+TEST(MemCopies, OverlapZeroesForMemcpyAndIsCopiedByMemmove) {
+    const std::pair<CopyFn, CopyCase> cases[] = {
+        {memcpy_s, {"source inside destination", false, 10, 2, 4, 182}},
+        {memcpy_s, {"source ends inside", false, 10, -2, 4, 182}},
+        {memcpy_s, {"one shared byte behind", false, 10, 3, 4, 182}},
+        {memcpy_s, {"one shared byte before", false, 10, -3, 4, 182}},
+        {memmove_s, {"source inside destination", false, 10, 2, 6, 0}},
+        {memmove_s, {"source before destination", false, 10, -3, 8, 0}},
     };
-    for (const CopyCase& c : cases) {
-        RunCopyCase(memmove_s, c);
+    for (const auto& [fn, c] : cases) {
+        RunCopyCase(fn, c);
     }
 }
-
-struct SetCase {
-    const char* name;
-    bool nullDest;
-    uint32_t destMax;
-    int fill;
-    uint32_t count;
-    int code;
-    uint32_t filled;  // bytes from dest expected to hold the fill byte
-};
 
 TEST(MemsetS, ResultsAndBytes) {
-    const SetCase cases[] = {
-        {"fills count bytes", false, 10, 0x41, 5, 0, 5},
-        {"count equal to destMax", false, 10, 0x41, 10, 0, 10},
-        {"count 0", false, 10, 0x41, 0, 0, 0},
-        {"fill value taken as a byte", false, 10, 0x141, 3, 0, 3},
-        {"20 bytes into 8 fills all 8", false, 8, 0x41, 20, 162, 8},
-        {"destMax 0 and count 0", false, 0, 0x41, 0, 0, 0},
-        {"destMax 0 and count 0, null dest", true, 0, 0x41, 0, 22, 0},
-        {"destMax 0 with a count", false, 0, 0x41, 1, 34, 0},
-        {"destMax 0 with a count, null dest", true, 0, 0x41, 1, 34, 0},
-        {"destMax above max", false, 0x80000000, 0x41, 0, 34, 0},
-        {"destMax all ones", false, 0xFFFFFFFF, 0x41, 1, 34, 0},
-        {"null dest", true, 10, 0x41, 5, 22, 0},
-        {"null dest before count", true, 10, 0x41, 20, 22, 0},
-        {"largest destMax", false, 0x7FFFFFFF, 0x41, 4, 0, 4},
+    // name, null dest, destMax, count, code, and the bytes from dest then
+    // holding 'A', the fill's low byte
+    const std::tuple<const char*, bool, uint32_t, uint32_t, int, uint32_t> cases[] = {
+        {"fills count bytes", false, 10, 5, 0, 5},
+        {"count equal to destMax", false, 10, 10, 0, 10},
+        {"count 0", false, 10, 0, 0, 0},
+        {"20 bytes into 8 fills all 8", false, 8, 20, 162, 8},
+        {"destMax 0 and count 0", false, 0, 0, 0, 0},
+        {"destMax 0 and count 0, null dest", true, 0, 0, 22, 0},
+        {"destMax 0 with a count", false, 0, 1, 34, 0},
+        {"destMax 0 with a count, null dest", true, 0, 1, 34, 0},
+        {"destMax above max", false, 0x80000000, 0, 34, 0},
+        {"destMax all ones", false, 0xFFFFFFFF, 1, 34, 0},
+        {"null dest", true, 10, 5, 22, 0},
+        {"null dest before count", true, 10, 20, 22, 0},
+        {"largest destMax", false, 0x7FFFFFFF, 4, 0, 4},
     };
-    for (const SetCase& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& [name, nullDest, destMax, count, code, filled] : cases) {
+        SCOPED_TRACE(name);
         Arena arena;
-        EXPECT_EQ(memset_s(c.nullDest ? nullptr : arena.Dest(), c.destMax, c.fill, c.count),
-                  c.code);
-        arena.Expect(0, std::string(c.filled, 'A'));
+        EXPECT_EQ(memset_s(nullDest ? nullptr : arena.Dest(), destMax, 0x141, count), code);
+        arena.Expect(0, std::string(filled, 'A'));
         EXPECT_TRUE(arena.Matches());
     }
 }
@@ -156,18 +126,11 @@ TEST(MemoryFunctions, LargeBlocks) {
     }
     std::string dest(kSize + 2, 'G');
     ASSERT_EQ(memcpy_s(&dest[1], kSize, src.data(), kSize), 0);
-    EXPECT_EQ(dest.substr(1, kSize), src);
-    EXPECT_EQ(dest.front(), 'G');
-    EXPECT_EQ(dest.back(), 'G');
-
+    EXPECT_EQ(dest, 'G' + src + 'G');
     ASSERT_EQ(memmove_s(&dest[1], kSize, &dest[2], kSize - 1), 0);
-    EXPECT_EQ(dest.substr(1, kSize - 1), src.substr(1));
-    EXPECT_EQ(dest.back(), 'G');
-
+    EXPECT_EQ(dest, 'G' + src.substr(1) + src.back() + 'G');
     ASSERT_EQ(memset_s(&dest[1], kSize, 0x5A, kSize), 0);
-    EXPECT_EQ(dest.substr(1, kSize), std::string(kSize, 'Z'));
-    EXPECT_EQ(dest.front(), 'G');
-    EXPECT_EQ(dest.back(), 'G');
+    EXPECT_EQ(dest, 'G' + std::string(kSize, 'Z') + 'G');
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
-// The 300-second budget of an upload across the array's LUNs. The clock
-// runs a hundred times faster than real time, so the budget is 3 real
-// seconds; the virtual array stays on the real clock, and a fault that
-// delays a LUN's write by D real milliseconds makes that attempt last
-// D / 10 seconds for the daemon.
+// The 300-second budget of an upload across the array's LUNs. The clock runs
+// a hundred times faster, so the budget is 3 real seconds; vnarray stays on
+// the real clock, so a write delayed by D real milliseconds lasts D / 10
+// seconds for the daemon.
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -25,20 +24,6 @@ constexpr const char* kConfig = R"({
            {"dev": "sdd", "array": "BUDGET01"}]
 })";
 
-class BudgetEnvironment : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        if (!InHostSandbox()) {
-            std::fputs("this test must run inside the host sandbox\n", stderr);
-            std::abort();
-        }
-        // As start-up does before the main loop.
-        ASSERT_EQ(pthread_mutex_init(&HIC_ResultWriteMutex, nullptr), 0);
-        CollectRig::Start(kConfig);
-    }
-    void TearDown() override { CollectRig::Stop(); }
-};
-
 struct BudgetCase {
     const char* name;
     std::vector<int> failAfterMs;    // per LUN in list order: the write fails after this delay
@@ -46,26 +31,13 @@ struct BudgetCase {
     bool finished;
 };
 
-void PrintTo(const BudgetCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
 class BudgetTest : public CollectTest, public ::testing::WithParamInterface<BudgetCase> {
   protected:
-    HIC_ArrayInfo& Armed() {
-        CollectRig::UseArrays({"BUDGET01"});
-        EXPECT_EQ(HIC_GetArrayList(), 0);
-        HIC_ArrayInfo& rec = Record("BUDGET01");
-        rec.taskState.store(HIC_TASK_COLLECTING);
+    HIC_ArrayInfo& ArmedWithArchive() {
+        HIC_ArrayInfo& rec = Armed("BUDGET01");
         MakeDirs("/opt/Vornal/BUDGET01", 0700);
         WriteFile("/opt/Vornal/BUDGET01/result.tar.gz", "archive");
         return rec;
-    }
-    void TearDown() override {
-        if (HIC_ArrayInfo* rec = CollectRig::FindArray("BUDGET01")) {
-            rec->taskState.store(HIC_TASK_IDLE);
-        }
-        CollectTest::TearDown();
     }
     void FailAfter(const std::string& dev, int ms) {
         vnarray::Json fault = {{"lun", dev}, {"kind", "ca"}, {"status", 2}};
@@ -74,11 +46,12 @@ class BudgetTest : public CollectTest, public ::testing::WithParamInterface<Budg
         }
         array().InjectFault(fault);
     }
+    static std::vector<std::string> Tried() { return Devs(array().Commands({{"kind", "ca"}})); }
 };
 
 TEST_P(BudgetTest, NextLunOnlyWhileWithinBudget) {
     const BudgetCase& c = GetParam();
-    HIC_ArrayInfo& rec = Armed();
+    HIC_ArrayInfo& rec = ArmedWithArchive();
     const char* devs[] = {"sdb", "sdc", "sdd"};
     for (size_t i = 0; i < c.failAfterMs.size(); ++i) {
         FailAfter(devs[i], c.failAfterMs[i]);
@@ -86,10 +59,9 @@ TEST_P(BudgetTest, NextLunOnlyWhileWithinBudget) {
 
     HIC_WriteCollectResultToArray(&rec);
 
-    EXPECT_EQ(Devs(array().Commands({{"kind", "ca"}})), c.tried);
+    EXPECT_EQ(Tried(), c.tried);
     EXPECT_EQ(rec.taskState.load(), c.finished ? HIC_TASK_FINISHED : HIC_TASK_COLLECTING);
-    // The last line is the failure of the last LUN tried, or the success.
-    const std::vector<std::string> lines = LogLines();
+    const LogList lines = LogLines();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back(), c.finished ? Info("HIC_GetFileBufAndWriteToArray",
                                               "Write to array Offset 0 success.\n")
@@ -102,31 +74,27 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // Failures at 80 s and 160 s: the third LUN is still tried.
         BudgetCase{"FailuresWithinBudget", {800, 800}, {"sdb", "sdc", "sdd"}, true},
-        // The second attempt starts at 180 s and fails at 350 s: it runs to
-        // its end, and no third one follows.
+        // The second attempt starts at 180 s and ends at 350 s: no third one.
         BudgetCase{"AttemptRunsPastBudget", {1800, 1700}, {"sdb", "sdc"}, false},
-        // The first attempt alone outlasts the budget.
         BudgetCase{"FirstAttemptPastBudget", {3300}, {"sdb"}, false}),
     CaseName());
 
-// Waiting for the mutex does not count: the budget starts when the upload
-// has it.
+// The budget starts when the upload has the mutex, not while it waits.
 TEST_F(BudgetTest, WaitForMutexNotCounted) {
-    HIC_ArrayInfo& rec = Armed();
+    HIC_ArrayInfo& rec = ArmedWithArchive();
     FailAfter("sdb", 0);
     ASSERT_EQ(pthread_mutex_lock(&HIC_ResultWriteMutex), 0);
     std::thread upload([&rec] { HIC_WriteCollectResultToArray(&rec); });
-    // 350 seconds pass for the daemon (3.5 real ones) with the mutex held
-    // by someone else.
+    // 350 daemon seconds (3.5 real ones) with the mutex held elsewhere.
     std::this_thread::sleep_for(std::chrono::seconds(350));
-    EXPECT_TRUE(array().Commands({{"kind", "ca"}}).empty());
+    EXPECT_TRUE(Tried().empty());
     ASSERT_EQ(pthread_mutex_unlock(&HIC_ResultWriteMutex), 0);
     upload.join();
-    EXPECT_EQ(Devs(array().Commands({{"kind", "ca"}})), (std::vector<std::string>{"sdb", "sdc"}));
+    EXPECT_EQ(Tried(), (std::vector<std::string>{"sdb", "sdc"}));
     EXPECT_EQ(rec.taskState.load(), HIC_TASK_FINISHED);
 }
 
 }  // namespace
 }  // namespace hic_test
 
-HIC_TEST_FAKETIME_MAIN("+0 x100", 100, hic_test::BudgetEnvironment)
+HIC_TEST_FAKETIME_MAIN("+0 x100", 100, hic_test::CollectEnvironment(hic_test::kConfig))

@@ -3,6 +3,7 @@
 #define HIC_TESTS_COLLECT_COLLECT_FIXTURE_H
 
 #include <fcntl.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <string>
@@ -14,24 +15,22 @@
 
 namespace hic_test {
 
-inline std::string Info(const std::string& func, const std::string& msg) {
-    return "INFO " + func + ": " + msg;
-}
-inline std::string Err(const std::string& func, const std::string& msg) {
-    return "ERR " + func + ": " + msg;
-}
-inline std::string Debug(const std::string& func, const std::string& msg) {
-    return "DEBUG " + func + ": " + msg;
-}
-
 // The address of the default settings file (IPv4 10.10.1.20).
 inline Bytes DefaultHostIp() {
     return Hex("0A0A0114000000000000000000000000");
 }
 
+// At DEBUG, the collection thread's lines up to the version check through dev.
+inline LogList QueryLines(const std::string& dev, const std::string& version = "3.0") {
+    return {Debug("HIC_GetArrayList", "get array info list success.\n"),
+            Debug("HIC_GetSendIPAndType", "trans IP string to number 0, ip is 10.10.1.20.\n"),
+            Debug("HIC_GetCollectScriptFromArray", "Select lun " + dev + ".\n"),
+            Debug("HIC_CheckArrayVersion", "get array version {" + version + "}.\n")};
+}
+
 // Lines of the collection thread once the array asked for a collection
 // through dev, up to the start of the heartbeat.
-inline std::vector<std::string> ArmedLines(const std::string& sn, const std::string& dev) {
+inline LogList ArmedLines(const std::string& sn, const std::string& dev) {
     return {
         Info("HIC_IsValidToExecuteCollectTask", "Get the array{sn:" + sn + "} switchStatus 1.\n"),
         Info("HIC_GetSwitchInfo",
@@ -40,9 +39,18 @@ inline std::vector<std::string> ArmedLines(const std::string& sn, const std::str
         Info("HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: " + sn + ".\n")};
 }
 
+// At DEBUG, the commands that run the script and pack its files.
+inline LogList ScriptLines(const std::string& sn) {
+    const std::string dir = "/opt/Vornal/" + sn;
+    return {Debug("HIC_ExecuteCollectScript",
+                  "sh " + dir + "/hic_collect.sh -scene upgrade >/dev/null 2>&1.\n"),
+            Debug("HIC_ExecuteCollectScript", "cd " + dir + "/; tar zcf " + dir +
+                                                  "/result.tar.gz *.data CollectLog_*.txt "
+                                                  ">/dev/null 2>&1.\n")};
+}
+
 // The first two lines of an upload attempt of an archive of size bytes.
-inline std::vector<std::string> BeginLines(const std::string& sn, const std::string& dev,
-                                           uint32_t size) {
+inline LogList BeginLines(const std::string& sn, const std::string& dev, uint32_t size) {
     return {Info("HIC_WriteCollectResultToArray",
                  "begin write result array{sn:" + sn + "} by lun{" + dev + "}.\n"),
             Info("HIC_WriteResultFileBufToArray",
@@ -50,9 +58,8 @@ inline std::vector<std::string> BeginLines(const std::string& sn, const std::str
 }
 
 // Lines of one complete upload attempt.
-inline std::vector<std::string> UploadLines(const std::string& sn, const std::string& dev,
-                                            uint32_t size) {
-    std::vector<std::string> lines = BeginLines(sn, dev, size);
+inline LogList UploadLines(const std::string& sn, const std::string& dev, uint32_t size) {
+    LogList lines = BeginLines(sn, dev, size);
     for (uint32_t offset = 0; offset < size; offset += HIC_RESULT_CHUNK_LEN) {
         lines.push_back(Info("HIC_GetFileBufAndWriteToArray",
                              "Write to array Offset " + std::to_string(offset) + " success.\n"));
@@ -69,11 +76,11 @@ inline std::string SuccessLine(const std::string& sn) {
     return Info("HIC_CollectTaskThread", "array{sn:" + sn + "} collect task execute success.\n");
 }
 
-// The heartbeat thread's lines when it sent count heartbeats and then saw
-// the work finished.
-inline std::vector<std::string> HeartbeatLines(const std::string& sn, size_t count,
-                                               bool exits = true) {
-    std::vector<std::string> lines = {Info("HIC_SendC9ToArray", "start HeartBeat thread.\n")};
+// The heartbeat thread's lines: failures right after its start, count
+// heartbeats, and its exit once the work finished.
+inline LogList HeartbeatLines(const std::string& sn, size_t count, const LogList& failures = {},
+                              bool exits = true) {
+    LogList lines = Cat(Info("HIC_SendC9ToArray", "start HeartBeat thread.\n"), failures);
     lines.insert(lines.end(), count,
                  Info("HIC_SendHeartBeatByLun", "send HeartBeat C9 to array{sn:" + sn + "}.\n"));
     if (exits) {
@@ -82,8 +89,7 @@ inline std::vector<std::string> HeartbeatLines(const std::string& sn, size_t cou
     return lines;
 }
 
-// Every chunk of an upload attempt through lun, checked byte for byte
-// against the archive the array reassembled.
+// Every chunk of an upload attempt, byte for byte against the archive.
 inline void ExpectChunks(const std::vector<vnarray::CommandRecord>& writes, const Bytes& archive,
                          const Bytes& versions, const Bytes& hostIp, uint8_t ipType) {
     const auto size = static_cast<uint32_t>(archive.size());
@@ -93,56 +99,59 @@ inline void ExpectChunks(const std::vector<vnarray::CommandRecord>& writes, cons
     for (size_t i = 0; i < count; ++i) {
         const uint32_t offset = static_cast<uint32_t>(i) * HIC_RESULT_CHUNK_LEN;
         const uint32_t n = std::min(size - offset, HIC_RESULT_CHUNK_LEN);
-        const vnarray::CommandRecord& w = writes[i];
         SCOPED_TRACE("chunk at " + std::to_string(offset));
-        EXPECT_EQ(w.cdb, VendorCdb(0xCA, offset, HIC_RESULT_HEADER_LEN + n));
-        ExpectDaemonRequest(w, -2, HIC_RESULT_HEADER_LEN + n, O_RDWR);
+        EXPECT_EQ(writes[i].cdb, VendorCdb(0xCA, offset, HIC_RESULT_HEADER_LEN + n));
+        ExpectDaemonRequest(writes[i], -2, HIC_RESULT_HEADER_LEN + n, O_RDWR);
         Bytes transfer = header;
         transfer.insert(transfer.end(), archive.begin() + offset, archive.begin() + offset + n);
-        EXPECT_EQ(w.data_out, transfer);
+        EXPECT_EQ(writes[i].data_out, transfer);
     }
 }
 
-class CollectTest : public SandboxTest {
-  protected:
+// The shared array and, as start-up does before the main loop, the mutex.
+class CollectEnvironment : public RigEnvironment {
+  public:
+    using RigEnvironment::RigEnvironment;
     void SetUp() override {
-        SandboxTest::SetUp();
-        CollectRig::Reset();
+        ASSERT_EQ(pthread_mutex_init(&HIC_ResultWriteMutex, nullptr), 0);
+        RigEnvironment::SetUp();
     }
-    void TearDown() override {
-        EXPECT_TRUE(CollectRig::WaitReleased()) << "a daemon thread still holds an array";
-        SandboxTest::TearDown();
-    }
+};
 
-    static vnarray::Client& array() { return CollectRig::client(); }
-
+class CollectTest : public RigTest {
+  protected:
     // One main-loop array step, then the wait for every thread it started.
     static void Pass() {
         ASSERT_EQ(HIC_GetHostCollectSwitchInfo(), 0);
         ASSERT_TRUE(CollectRig::WaitReleased());
     }
 
-    static HIC_ArrayInfo& Record(const std::string& sn) {
-        HIC_ArrayInfo* a = CollectRig::FindArray(sn);
-        EXPECT_NE(a, nullptr) << sn;
-        static HIC_ArrayInfo none{};
-        return a != nullptr ? *a : none;
+    // ROAD01 alone asks for a collection, with a fault (JSON) and script
+    // settings, then one pass. Pass() also proves every record idle again.
+    static void RequestAndPass(const std::string& fault = "", const std::string& conf = "",
+                               const std::string& version = "00000001") {
+        CollectRig::UseArrays({"ROAD01"});
+        if (!fault.empty()) {
+            array().InjectFault(vnarray::Json::parse(fault));
+        }
+        ScriptConf("ROAD01", conf);
+        array().RaiseSwitch("ROAD01", version);
+        Pass();
     }
 
-    static Bytes Versions(const HIC_ArrayInfo& a) { return {a.versions, a.versions + 4}; }
-
-    static std::vector<vnarray::CommandRecord> Commands(const std::string& lun,
-                                                        const std::string& kind) {
-        return array().Commands({{"lun", lun}, {"kind", kind}});
-    }
-
-    static std::vector<std::string> Devs(const std::vector<vnarray::CommandRecord>& cmds) {
-        std::vector<std::string> out;
-        for (const auto& c : cmds) {
-            out.push_back(c.lun);
+    // The LUNs of the commands of a kind, space-separated; only failed ones
+    // if asked.
+    static std::string LunsOf(const std::string& kind, bool failed = false) {
+        std::string out;
+        for (const auto& cmd : array().Commands({{"kind", kind}})) {
+            if (!failed || cmd.status != 0) {
+                out += (out.empty() ? "" : " ") + cmd.lun;
+            }
         }
         return out;
     }
+
+    static Bytes Versions(const HIC_ArrayInfo& a) { return {a.versions, a.versions + 4}; }
 };
 
 }  // namespace hic_test

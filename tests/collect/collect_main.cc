@@ -1,16 +1,12 @@
-// The collection tests share one virtual array for the whole binary and
-// run on a clock twenty times faster than real time: a heartbeat period of
-// 10 s takes half a real second.
+// The collection tests share one virtual array and run on a clock twenty
+// times faster than real time: a 10 s heartbeat period is half a real second.
 #include "collect/collect_fixture.h"
-#include "collect/result_upload.h"
 #include "support/faketime.h"
 
-namespace hic_test {
 namespace {
 
-// Arrays for every scenario; each test puts only the ones it needs in the
-// daemon's LUN list. Two serial numbers are not fit for a path: the
-// discovery accepts them (no shell metacharacter), the collection must not.
+// Each test puts only the arrays it needs in the daemon's LUN list. The
+// discovery accepts the last two serial numbers; the collection must not.
 constexpr const char* kConfig = R"({
   "arrays": [
     {"sn": "ROAD01", "name": "road"},
@@ -27,21 +23,6 @@ constexpr const char* kConfig = R"({
     {"dev": "sdk", "array": "evil"}, {"dev": "sdl", "array": "space"}]
 })";
 
-class CollectEnvironment : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        if (!InHostSandbox()) {
-            std::fputs("this test must run inside the host sandbox\n", stderr);
-            std::abort();
-        }
-        // As start-up does before the main loop.
-        ASSERT_EQ(pthread_mutex_init(&HIC_ResultWriteMutex, nullptr), 0);
-        CollectRig::Start(kConfig);
-    }
-    void TearDown() override { CollectRig::Stop(); }
-};
-
 }  // namespace
-}  // namespace hic_test
 
-HIC_TEST_FAKETIME_MAIN("+0 x20", 20, hic_test::CollectEnvironment)
+HIC_TEST_FAKETIME_MAIN("+0 x20", 20, hic_test::CollectEnvironment(kConfig))

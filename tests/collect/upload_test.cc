@@ -1,6 +1,6 @@
-// The upload step on its own: archives of chosen sizes placed in the
-// workspace and sent with HIC_WriteCollectResultToArray, checked at the
-// array byte for byte; and the archives it must refuse.
+// The upload step on its own: archives of chosen sizes sent with
+// HIC_WriteCollectResultToArray and checked at the array byte for byte, and
+// the archives it must refuse.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -15,43 +15,25 @@
 namespace hic_test {
 namespace {
 
-constexpr const char* kArchive = "/opt/Vornal/ROAD01/result.tar.gz";
-
 class UploadTest : public CollectTest {
   protected:
-    // The array record as the collection thread hands it to the upload.
-    HIC_ArrayInfo& Armed() {
-        CollectRig::UseArrays({"ROAD01"});
-        EXPECT_EQ(HIC_GetArrayList(), 0);
-        HIC_ArrayInfo& rec = Record("ROAD01");
-        const Bytes versions = Hex("01020304");
-        std::copy(versions.begin(), versions.end(), rec.versions);
-        std::copy(hostIp_.begin(), hostIp_.end(), rec.hostIp);
-        rec.ipType = 1;
-        rec.taskState.store(HIC_TASK_COLLECTING);
+    HIC_ArrayInfo& ArmedWithWorkspace() {
+        HIC_ArrayInfo& rec = Armed("ROAD01");
         MakeDirs("/opt/Vornal/ROAD01", 0700);
         return rec;
     }
-    void TearDown() override {
-        if (HIC_ArrayInfo* rec = CollectRig::FindArray("ROAD01")) {
-            rec->taskState.store(HIC_TASK_IDLE);
-        }
-        CollectTest::TearDown();
-    }
-
-    const Bytes hostIp_ = Hex("20010DB8000000000000000000000001");
 };
 
 class ChunkingTest : public UploadTest, public ::testing::WithParamInterface<uint32_t> {};
 
 TEST_P(ChunkingTest, SendsEveryByteOnceInOrder) {
     const uint32_t size = GetParam();
-    HIC_ArrayInfo& rec = Armed();
+    HIC_ArrayInfo& rec = ArmedWithWorkspace();
     Bytes archive(size);
     for (uint32_t i = 0; i < size; ++i) {
         archive[i] = static_cast<uint8_t>((i * 2654435761U) >> 24);
     }
-    WriteFile(kArchive, std::string(archive.begin(), archive.end()));
+    WriteFile("/opt/Vornal/ROAD01/result.tar.gz", std::string(archive.begin(), archive.end()));
 
     HIC_WriteCollectResultToArray(&rec);
 
@@ -61,7 +43,7 @@ TEST_P(ChunkingTest, SendsEveryByteOnceInOrder) {
     EXPECT_TRUE(uploads[0].complete);
     EXPECT_TRUE(uploads[0].issues.empty()) << uploads[0].issues.front();
     EXPECT_EQ(array().UploadData("ROAD01"), archive);
-    ExpectChunks(Commands("sdb", "ca"), archive, Hex("01020304"), hostIp_, 1);
+    ExpectChunks(Commands("sdb", "ca"), archive, ArmedVersions(), ArmedHostIp(), 1);
     // One open and one close of the device for the whole attempt.
     const auto opens = array().Opens("sdb");
     ASSERT_EQ(opens.size(), 2U);
@@ -72,9 +54,8 @@ TEST_P(ChunkingTest, SendsEveryByteOnceInOrder) {
     EXPECT_EQ(LoggedMessages(), Joined(UploadLines("ROAD01", "/dev/sdb", size)));
 }
 
-// 1 byte: one transfer of 33 bytes. 4064: one full transfer. 4065: a full
-// one and one of 33 bytes. 8128: two full ones and no empty third.
-// 10000: data lengths 4064, 4064 and 1872.
+// Chunks carry 4064 data bytes: one of 1, one full, a full one and 1 byte,
+// two full and no empty third, and 4064 + 4064 + 1872.
 INSTANTIATE_TEST_SUITE_P(Upload, ChunkingTest,
                          ::testing::Values(1U, 4064U, 4065U, 8128U, 10000U, 100000U),
                          [](const ::testing::TestParamInfo<uint32_t>& param) {
@@ -83,19 +64,15 @@ INSTANTIATE_TEST_SUITE_P(Upload, ChunkingTest,
 
 struct RefusedCase {
     const char* name;
-    const char* setup;                // shell commands that leave the archive in its state
-    std::vector<std::string> perLun;  // lines after "begin write", for each LUN
+    const char* setup;  // shell commands that leave the archive in its state
+    LogList perLun;     // lines after "begin write", for each LUN
 };
-
-void PrintTo(const RefusedCase& c, std::ostream* os) {
-    *os << c.name;
-}
 
 class RefusedTest : public UploadTest, public ::testing::WithParamInterface<RefusedCase> {};
 
 TEST_P(RefusedTest, EveryLunTriedNoneWritten) {
     const RefusedCase& c = GetParam();
-    HIC_ArrayInfo& rec = Armed();
+    HIC_ArrayInfo& rec = ArmedWithWorkspace();
     ASSERT_EQ(std::system(c.setup), 0);
 
     HIC_WriteCollectResultToArray(&rec);
@@ -103,17 +80,19 @@ TEST_P(RefusedTest, EveryLunTriedNoneWritten) {
     // Nothing reached the array, the state is left to the collection thread.
     EXPECT_EQ(rec.taskState.load(), HIC_TASK_COLLECTING);
     EXPECT_TRUE(array().Commands({{"kind", "ca"}}).empty());
-    std::string expected;
+    LogList expected;
     for (const char* dev : {"/dev/sdb", "/dev/sdc"}) {
-        expected += BeginLines("ROAD01", dev, 0)[0];
-        for (const std::string& line : c.perLun) {
-            expected += line;
-        }
-        expected += FailedOnLine("ROAD01", dev);
-        // The device is opened and closed again for each attempt.
+        expected =
+            Cat(expected, BeginLines("ROAD01", dev, 0)[0], c.perLun, FailedOnLine("ROAD01", dev));
+        // Opened and closed again for each attempt.
         EXPECT_EQ(array().Opens(std::string(dev).substr(5)).size(), 2U) << dev;
     }
-    EXPECT_EQ(LoggedMessages(), expected);
+    EXPECT_EQ(LoggedMessages(), Joined(expected));
+}
+
+std::string SizeLine(const std::string& size) {
+    return Info("HIC_WriteResultFileBufToArray",
+                "the array{sn:ROAD01} result fileSize is " + size + ".\n");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -122,17 +101,14 @@ INSTANTIATE_TEST_SUITE_P(
                                   "true",
                                   {Err("HIC_WriteResultFileBufToArray",
                                        "fopen /opt/Vornal/ROAD01/result.tar.gz file error.\n")}},
-                      RefusedCase{
-                          "Empty",
-                          ": > /opt/Vornal/ROAD01/result.tar.gz",
-                          {Info("HIC_WriteResultFileBufToArray",
-                                "the array{sn:ROAD01} result fileSize is 0.\n"),
-                           Err("HIC_WriteResultFileBufToArray", "fileSize is not valid.\n")}},
+                      RefusedCase{"Empty",
+                                  ": > /opt/Vornal/ROAD01/result.tar.gz",
+                                  {SizeLine("0"), Err("HIC_WriteResultFileBufToArray",
+                                                      "fileSize is not valid.\n")}},
                       // Sizes and offsets travel as signed 32-bit values: 2 GiB would wrap.
                       RefusedCase{"TwoGiB",
                                   "truncate -s 2G /opt/Vornal/ROAD01/result.tar.gz",
-                                  {Info("HIC_WriteResultFileBufToArray",
-                                        "the array{sn:ROAD01} result fileSize is 2147483648.\n"),
+                                  {SizeLine("2147483648"),
                                    Err("HIC_WriteResultFileBufToArray",
                                        "result file of 2147483648 bytes is too large, the limit is "
                                        "2147483647 bytes.\n")}}),

@@ -1,11 +1,10 @@
-// The heartbeat thread through the real code against the virtual array, on
-// a clock ten times faster than real time (one heartbeat period is a real
-// second).
+// The heartbeat thread through the real code against the virtual array, on a
+// clock ten times faster than real time (one period is a real second).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <chrono>
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -23,258 +22,136 @@ constexpr const char* kConfig = R"({
            {"dev": "sdd", "array": "HB02"}]
 })";
 
-class HeartbeatEnvironment : public ::testing::Environment {
-  public:
-    void SetUp() override {
-        if (!InHostSandbox()) {
-            std::fputs("this test must run inside the host sandbox\n", stderr);
-            std::abort();
-        }
-        CollectRig::Start(kConfig);
-    }
-    void TearDown() override { CollectRig::Stop(); }
+std::string Started(const std::string& sn) {
+    return Info("HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: " + sn + ".\n");
+}
+const std::string kThread = Info("HIC_SendC9ToArray", "start HeartBeat thread.\n");
+const std::string kSent = Info("HIC_SendHeartBeatByLun", "send HeartBeat C9 to array{sn:HB01}.\n");
+const std::string kExit = Info("HIC_SendHeartBeatByLun", "Pthread HeartBeatC9 exit.\n");
+
+LogList FailedOn(const std::string& dev) {
+    return {Err("HIC_SendHeartBeat", "send heartbeat failed.\n"),
+            Err("HIC_SendHeartBeatByLun", "send HeartBeatC9 failed on dev " + dev + ".\n")};
+}
+
+struct RunCase {
+    const char* name;
+    const char* sn;
+    const char* fault;  // JSON, or ""
+    bool noLuns;        // the array's LUNs left the list
+    int finishAfter;    // heartbeats before the work finishes; -1: it never does
+    const char* sent;   // LUN of every 0xC9 command in order, "!" when it failed
+    const char* opens;  // per LUN, every open ("+", "!" when it failed) and close ("-")
+    LogList log;        // after the thread's start line
 };
 
-Bytes Versions() {
-    return Hex("01020304");
-}
-Bytes HostIp() {
-    return Hex("FE800000000000000000000000000001");  // fe80::1
-}
+class HeartbeatTest : public RigTest, public ::testing::WithParamInterface<RunCase> {};
 
-std::string Line(const char* level, const char* func, const std::string& msg) {
-    return std::string(level) + " " + func + ": " + msg;
-}
-
-class HeartbeatTest : public SandboxTest {
-  protected:
-    void SetUp() override {
-        SandboxTest::SetUp();
-        CollectRig::Reset();
+TEST_P(HeartbeatTest, BeatsUntilWorkFinished) {
+    const RunCase& c = GetParam();
+    HIC_ArrayInfo& rec = Armed(c.sn);
+    if (*c.fault != '\0') {
+        array().InjectFault(vnarray::Json::parse(c.fault));
     }
-    void TearDown() override {
-        EXPECT_TRUE(CollectRig::WaitReleased()) << "a heartbeat thread still runs";
-        SandboxTest::TearDown();
+    if (c.noLuns) {
+        CollectRig::UseArrays({});
     }
-
-    static vnarray::Client& array() { return CollectRig::client(); }
-
-    // The record of an array whose collection was just armed.
-    static HIC_ArrayInfo& Collecting(const std::string& sn) {
-        CollectRig::UseArrays({sn});
-        EXPECT_EQ(HIC_GetArrayList(), 0);
-        HIC_ArrayInfo* rec = CollectRig::FindArray(sn);
-        const Bytes versions = Versions();
-        const Bytes hostIp = HostIp();
-        std::copy(versions.begin(), versions.end(), rec->versions);
-        std::copy(hostIp.begin(), hostIp.end(), rec->hostIp);
-        rec->ipType = 1;
-        rec->taskState.store(HIC_TASK_COLLECTING);
-        return *rec;
+    if (c.finishAfter == 0) {
+        rec.taskState.store(HIC_TASK_FINISHED);
     }
-
-    // Waits (in real time) until the array has received n heartbeats.
-    static bool WaitHeartbeats(size_t n) {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (array().Heartbeats().size() < n) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            RealSleep(std::chrono::milliseconds(2));
-        }
-        return true;
-    }
-
-    static std::vector<std::string> Sent(const std::string& sn, size_t n) {
-        return std::vector<std::string>(n, Line("INFO", "HIC_SendHeartBeatByLun",
-                                                "send HeartBeat C9 to array{sn:" + sn + "}.\n"));
-    }
-};
-
-TEST_F(HeartbeatTest, PeriodicPayloadUntilFinished) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
     ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    // Raised before the thread runs, so the hand-over holds in any order.
-    EXPECT_EQ(rec.heartBeatRunning.load(), 1);
-    ASSERT_TRUE(WaitHeartbeats(3));
-    rec.taskState.store(HIC_TASK_FINISHED);
-    const auto finished = std::chrono::steady_clock::now();
-    ASSERT_TRUE(CollectRig::WaitReleased());
-    // At most one more period (a real second here) passes.
-    EXPECT_LT(std::chrono::steady_clock::now() - finished, std::chrono::milliseconds(1500));
-    EXPECT_EQ(rec.taskState.load(), HIC_TASK_IDLE);
+    if (c.finishAfter > 0) {
+        // Raised before the thread runs, so the hand-over holds in any order.
+        EXPECT_EQ(rec.heartBeatRunning.load(), 1);
+        ASSERT_TRUE(WaitUntil(
+            [&c] { return array().Heartbeats().size() >= static_cast<size_t>(c.finishAfter); }));
+        rec.taskState.store(HIC_TASK_FINISHED);
+    }
+    ASSERT_TRUE(WaitUntil([&rec] { return rec.heartBeatRunning.load() == 0; }));
+    // Only finished work is handed back; otherwise the state is the
+    // collection thread's.
+    EXPECT_EQ(rec.taskState.load(), c.finishAfter >= 0 ? HIC_TASK_IDLE : HIC_TASK_COLLECTING);
 
+    // The work was seen finished before the next period: no more heartbeats.
     const auto heartbeats = array().Heartbeats();
-    ASSERT_GE(heartbeats.size(), 3U);
-    const Bytes payload =
-        Hex("0081001C"
-            "01020304"
-            "FE800000000000000000000000000001"
-            "0001"
-            "0000");
+    EXPECT_EQ(heartbeats.size(), static_cast<size_t>(std::max(c.finishAfter, 0)));
     for (size_t i = 0; i < heartbeats.size(); ++i) {
-        EXPECT_EQ(heartbeats[i].lun, "sdb");
-        EXPECT_EQ(heartbeats[i].payload, payload);
         EXPECT_EQ(heartbeats[i].cdb, Hex("C900"
                                          "0000000000000000"
                                          "0000001C"
                                          "8100"));
+        EXPECT_EQ(heartbeats[i].payload, Hex("0081001C"
+                                             "01020304"
+                                             "20010DB8000000000000000000000001"
+                                             "0001"
+                                             "0000"));
         EXPECT_TRUE(heartbeats[i].issues.empty());
         if (i > 0) {
             EXPECT_GE(heartbeats[i].time.mono - heartbeats[i - 1].time.mono,
                       0.9 * HIC_HEARTBEAT_PERIOD / FaketimeRate());
         }
     }
-    for (const auto& c : array().Commands({{"kind", "c9"}})) {
-        ExpectDaemonRequest(c, -2, 28, O_RDWR);
+    std::string sent;
+    for (const auto& cmd : array().Commands({{"kind", "c9"}})) {
+        ExpectDaemonRequest(cmd, -2, 28, O_RDWR);
+        sent += (sent.empty() ? "" : " ") + cmd.lun + (cmd.status != 0 ? "!" : "");
     }
-    // One descriptor for the thread's whole life, closed at its end.
-    const auto opens = array().Opens("sdb");
-    ASSERT_EQ(opens.size(), 2U);
-    EXPECT_EQ(opens[0].flags, O_RDWR);
-    EXPECT_TRUE(opens[1].close);
-    EXPECT_TRUE(array().Opens("sdc").empty());
-
-    std::vector<std::string> log = {
-        Line("INFO", "HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: HB01.\n"),
-        Line("INFO", "HIC_SendC9ToArray", "start HeartBeat thread.\n")};
-    const auto sent = Sent("HB01", heartbeats.size());
-    log.insert(log.end(), sent.begin(), sent.end());
-    log.push_back(Line("INFO", "HIC_SendHeartBeatByLun", "Pthread HeartBeatC9 exit.\n"));
-    EXPECT_EQ(LoggedMessages(), Joined(log));
-}
-
-TEST_F(HeartbeatTest, FirstLunCannotBeOpened) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
-    array().InjectFault({{"lun", "sdb"}, {"kind", "open"}, {"errno", "ENXIO"}});
-    ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    ASSERT_TRUE(WaitHeartbeats(1));
-    rec.taskState.store(HIC_TASK_FINISHED);
-    ASSERT_TRUE(CollectRig::WaitReleased());
-
-    const auto heartbeats = array().Heartbeats();
-    for (const auto& hb : heartbeats) {
-        EXPECT_EQ(hb.lun, "sdc");
+    EXPECT_EQ(sent, c.sent);
+    // One descriptor per LUN, kept until the thread leaves that LUN. (The
+    // array may see a close after the next open: grouped by LUN.)
+    auto records = array().Opens();
+    std::stable_sort(records.begin(), records.end(),
+                     [](const auto& x, const auto& y) { return x.lun < y.lun; });
+    std::string opens;
+    for (const auto& o : records) {
+        opens += (opens.empty() ? "" : " ") + o.lun + (o.close ? "-" : o.err != 0 ? "!" : "+");
+        if (!o.close) {
+            EXPECT_EQ(o.flags, O_RDWR);
+        }
     }
-    std::vector<std::string> log = {
-        Line("INFO", "HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: HB01.\n"),
-        Line("INFO", "HIC_SendC9ToArray", "start HeartBeat thread.\n"),
-        Line("ERR", "HIC_OpenDevByPath", "open /dev/sdb failed.\n"),
-        Line("ERR", "HIC_SendHeartBeatByLun", "open /dev/sdb failed.\n")};
-    const auto sent = Sent("HB01", heartbeats.size());
-    log.insert(log.end(), sent.begin(), sent.end());
-    log.push_back(Line("INFO", "HIC_SendHeartBeatByLun", "Pthread HeartBeatC9 exit.\n"));
-    EXPECT_EQ(LoggedMessages(), Joined(log));
-    EXPECT_EQ(rec.taskState.load(), HIC_TASK_IDLE);
+    EXPECT_EQ(opens, c.opens);
+    EXPECT_EQ(LoggedMessages(), Joined(Cat(Started(c.sn), kThread, c.log)));
 }
 
-TEST_F(HeartbeatTest, FailureOnOnlyLunEndsThread) {
-    HIC_ArrayInfo& rec = Collecting("HB02");
-    array().InjectFault({{"lun", "sdd"}, {"kind", "c9"}, {"status", 2}});
-    ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    // The thread ends by itself; the state is left to the collection thread.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (rec.heartBeatRunning.load() != 0 && std::chrono::steady_clock::now() < deadline) {
-        RealSleep(std::chrono::milliseconds(2));
-    }
-    EXPECT_EQ(rec.heartBeatRunning.load(), 0);
-    EXPECT_EQ(rec.taskState.load(), HIC_TASK_COLLECTING);
-    EXPECT_TRUE(array().Heartbeats().empty());
-    EXPECT_EQ(array().Commands({{"kind", "c9"}}).size(), 1U);
-    // The descriptor was closed.
-    const auto opens = array().Opens("sdd");
-    ASSERT_EQ(opens.size(), 2U);
-    EXPECT_TRUE(opens[1].close);
-    EXPECT_EQ(
-        LoggedMessages(),
-        Line("INFO", "HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: HB02.\n") +
-            Line("INFO", "HIC_SendC9ToArray", "start HeartBeat thread.\n") +
-            Line("ERR", "HIC_SendHeartBeat", "send heartbeat failed.\n") +
-            Line("ERR", "HIC_SendHeartBeatByLun", "send HeartBeatC9 failed on dev /dev/sdd.\n"));
-    rec.taskState.store(HIC_TASK_IDLE);
-}
+INSTANTIATE_TEST_SUITE_P(
+    Heartbeat, HeartbeatTest,
+    ::testing::Values(
+        RunCase{"Periodic", "HB01", "", false, 3, "sdb sdb sdb", "sdb+ sdb-",
+                Cat(kSent, kSent, kSent, kExit)},
+        RunCase{"ShortCollectionGetsOne", "HB01", "", false, 1, "sdb", "sdb+ sdb-",
+                Cat(kSent, kExit)},
+        RunCase{"FinishedBeforeFirstSendsNone", "HB01", "", false, 0, "", "sdb+ sdb-", Cat(kExit)},
+        RunCase{"FirstLunCannotBeOpened", "HB01",
+                R"({"lun": "sdb", "kind": "open", "errno": "ENXIO"})", false, 1, "sdc",
+                "sdb! sdc+ sdc-",
+                Cat(Err("HIC_OpenDevByPath", "open /dev/sdb failed.\n"),
+                    Err("HIC_SendHeartBeatByLun", "open /dev/sdb failed.\n"), kSent, kExit)},
+        // The LUN that failed is not tried again.
+        RunCase{"FailedLunLeftForNext", "HB01",
+                R"({"lun": "sdb", "kind": "c9", "status": 2, "after": 1, "count": 1})", false, 3,
+                "sdb sdb! sdc sdc", "sdb+ sdb- sdc+ sdc-",
+                Cat(kSent, FailedOn("/dev/sdb"), kSent, kSent, kExit)},
+        RunCase{"FailureOnOnlyLunEndsThread", "HB02",
+                R"({"lun": "sdd", "kind": "c9", "status": 2})", false, -1, "sdd!", "sdd+ sdd-",
+                FailedOn("/dev/sdd")},
+        RunCase{"NoLunOfArrayEndsThread", "HB01", "", true, -1, "", "", LogList()}),
+    CaseName());
 
-TEST_F(HeartbeatTest, FailedLunNotTriedAgain) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
-    array().InjectFault(
-        {{"lun", "sdb"}, {"kind", "c9"}, {"status", 2}, {"after", 1}, {"count", 1}});
-    ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    ASSERT_TRUE(WaitHeartbeats(3));
-    rec.taskState.store(HIC_TASK_FINISHED);
-    ASSERT_TRUE(CollectRig::WaitReleased());
+using HeartbeatCallTest = RigTest;
 
-    const auto heartbeats = array().Heartbeats();
-    ASSERT_GE(heartbeats.size(), 3U);
-    EXPECT_EQ(heartbeats[0].lun, "sdb");
-    for (size_t i = 1; i < heartbeats.size(); ++i) {
-        EXPECT_EQ(heartbeats[i].lun, "sdc");
-    }
-    EXPECT_EQ(array().Opens("sdb").size(), 2U);  // one open, one close
-}
-
-TEST_F(HeartbeatTest, FinishedBeforeFirstHeartbeatSendsNone) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
-    rec.taskState.store(HIC_TASK_FINISHED);
-    ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    ASSERT_TRUE(CollectRig::WaitReleased());
-    EXPECT_TRUE(array().Commands().empty());
-    EXPECT_EQ(rec.taskState.load(), HIC_TASK_IDLE);
-    EXPECT_EQ(LoggedMessages(),
-              Line("INFO", "HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: HB01.\n") +
-                  Line("INFO", "HIC_SendC9ToArray", "start HeartBeat thread.\n") +
-                  Line("INFO", "HIC_SendHeartBeatByLun", "Pthread HeartBeatC9 exit.\n"));
-}
-
-TEST_F(HeartbeatTest, ShortCollectionGetsExactlyOne) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
-    ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    ASSERT_TRUE(WaitHeartbeats(1));
-    rec.taskState.store(HIC_TASK_FINISHED);
-    ASSERT_TRUE(CollectRig::WaitReleased());
-    EXPECT_EQ(array().Heartbeats().size(), 1U);
-}
-
-// The heartbeat hands back only a finished array: one still collecting
-// stays so after the thread gave up.
-TEST_F(HeartbeatTest, NoLunOfArrayLeavesStateAlone) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
-    CollectRig::UseArrays({});
-    ASSERT_EQ(HIC_HeartBeatThreadCreate(&rec), 0);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (rec.heartBeatRunning.load() != 0 && std::chrono::steady_clock::now() < deadline) {
-        RealSleep(std::chrono::milliseconds(2));
-    }
-    EXPECT_EQ(rec.heartBeatRunning.load(), 0);
-    EXPECT_EQ(rec.taskState.load(), HIC_TASK_COLLECTING);
-    rec.taskState.store(HIC_TASK_IDLE);
-}
-
-TEST_F(HeartbeatTest, CreationFailureClearsFlag) {
-    HIC_ArrayInfo& rec = Collecting("HB01");
-    pthread_attr_t saved;
-    ASSERT_EQ(pthread_getattr_default_np(&saved), 0);
-    pthread_attr_t huge;
-    ASSERT_EQ(pthread_attr_init(&huge), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, size_t{1} << 46), 0);
-    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
-    const int ret = HIC_HeartBeatThreadCreate(&rec);
-    ASSERT_EQ(pthread_setattr_default_np(&saved), 0);
-    (void)pthread_attr_destroy(&huge);
-    (void)pthread_attr_destroy(&saved);
-
-    EXPECT_EQ(ret, -1);
+TEST_F(HeartbeatCallTest, CreationFailureClearsFlag) {
+    HIC_ArrayInfo& rec = Armed("HB01");
+    EXPECT_EQ(WithThreadCreationFailing([&rec] { return HIC_HeartBeatThreadCreate(&rec); }), -1);
     EXPECT_EQ(rec.heartBeatRunning.load(), 0);
     EXPECT_EQ(LoggedMessages(),
-              Line("INFO", "HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: HB01.\n") +
-                  Line("ERR", "HIC_HeartBeatThreadCreate",
-                       "fail to create pthread heartBeatC9, ret:11.\n"));
-    rec.taskState.store(HIC_TASK_IDLE);
+              Started("HB01") + Err("HIC_HeartBeatThreadCreate",
+                                    "fail to create pthread heartBeatC9, ret:11.\n"));
 }
 
-TEST_F(HeartbeatTest, NullArguments) {
+TEST_F(HeartbeatCallTest, NullArguments) {
     EXPECT_EQ(HIC_HeartBeatThreadCreate(nullptr), -1);
     EXPECT_EQ(HIC_SendC9ToArray(nullptr), nullptr);
-    HIC_ArrayInfo& rec = Collecting("HB01");
+    HIC_ArrayInfo& rec = Armed("HB01");
     const auto* lun = reinterpret_cast<const HIC_LunInfo*>(HIC_LunListHead.next);
     unsigned char payload[HIC_HEARTBEAT_LEN] = {};
     EXPECT_EQ(HIC_SendHeartBeatByLun(nullptr, payload, &rec), -1);
@@ -282,10 +159,9 @@ TEST_F(HeartbeatTest, NullArguments) {
     EXPECT_EQ(HIC_SendHeartBeatByLun(lun, payload, nullptr), -1);
     EXPECT_EQ(LoggedMessages(), "");
     EXPECT_TRUE(array().Opens().empty());
-    rec.taskState.store(HIC_TASK_IDLE);
 }
 
 }  // namespace
 }  // namespace hic_test
 
-HIC_TEST_FAKETIME_MAIN("+0 x10", 10, hic_test::HeartbeatEnvironment)
+HIC_TEST_FAKETIME_MAIN("+0 x10", 10, hic_test::RigEnvironment(hic_test::kConfig))

@@ -1,17 +1,16 @@
-// Helpers shared by the inventory tests that run against the virtual array
-// inside the host sandbox: views of the two lists, the stand-in management
-// tool's listing, and the array's records.
+// Shared by the inventory tests against the virtual array: views of the two
+// lists, the stand-in management tool's listing, and the array's records.
 #ifndef HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H
 #define HIC_TESTS_INVENTORY_INVENTORY_TEST_UTIL_H
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -41,18 +40,29 @@ inline std::ostream& operator<<(std::ostream& os, const LunView& v) {
               << ", " << v.arrayName << ", " << v.arraySn << "}";
 }
 
-inline std::vector<HIC_LunInfo*> LunRecords() {
-    std::vector<HIC_LunInfo*> out;
-    for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
-        out.push_back(reinterpret_cast<HIC_LunInfo*>(p));
+// The records of a list, in list order.
+template <typename Record>
+std::vector<Record*> Records(HIC_ListHead& head) {
+    std::vector<Record*> out;
+    for (HIC_ListHead* p = head.next; p != &head; p = p->next) {
+        out.push_back(reinterpret_cast<Record*>(p));
     }
     return out;
 }
+inline std::vector<HIC_LunInfo*> LunRecords() {
+    return Records<HIC_LunInfo>(HIC_LunListHead);
+}
+inline std::vector<HIC_ArrayInfo*> ArrayRecords() {
+    return Records<HIC_ArrayInfo>(HIC_ArrayListHead);
+}
 
+inline LunView ViewOf(const HIC_LunInfo& l) {
+    return {l.devPath, l.vendorId, l.lunName, l.lunWwn, l.arrayName, l.arraySn};
+}
 inline std::vector<LunView> LunViews() {
     std::vector<LunView> out;
     for (const HIC_LunInfo* l : LunRecords()) {
-        out.push_back({l->devPath, l->vendorId, l->lunName, l->lunWwn, l->arrayName, l->arraySn});
+        out.push_back(ViewOf(*l));
     }
     return out;
 }
@@ -64,15 +74,6 @@ inline std::vector<std::string> DevPaths() {
     }
     return out;
 }
-
-inline std::vector<HIC_ArrayInfo*> ArrayRecords() {
-    std::vector<HIC_ArrayInfo*> out;
-    for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
-        out.push_back(reinterpret_cast<HIC_ArrayInfo*>(p));
-    }
-    return out;
-}
-
 inline std::vector<std::string> ArraySerials() {
     std::vector<std::string> out;
     for (const HIC_ArrayInfo* a : ArrayRecords()) {
@@ -81,8 +82,8 @@ inline std::vector<std::string> ArraySerials() {
     return out;
 }
 
-// Empties both process-wide lists, releasing records a test left busy so
-// that nothing outlives the test (the leak checker sees every record).
+// Empties both lists, releasing records a test left busy, so that the leak
+// checker sees every record freed.
 inline void ResetLists() {
     for (HIC_ArrayInfo* a : ArrayRecords()) {
         a->taskState = HIC_TASK_IDLE;
@@ -95,23 +96,17 @@ inline void ResetLists() {
     HIC_InitListHead(&HIC_ArrayListHead);
 }
 
-// The listing "vnadmin show vlun type=all" prints; nullptr removes it, so
-// the tool prints nothing.
-inline void SetListing(const char* text) {
+// What "vnadmin show vlun type=all" prints; nullopt: nothing.
+inline void SetListing(const std::optional<std::string>& text) {
     hic_test::MakeDirs("/run/vnadmin");
-    if (text == nullptr) {
+    if (text) {
+        hic_test::WriteFile(kListingPath, *text);
+    } else {
         (void)std::remove(kListingPath);
-        return;
     }
-    hic_test::WriteFile(kListingPath, text);
 }
 
-inline void SetListing(const std::string& text) {
-    SetListing(text.c_str());
-}
-
-// The LUN's WWN as the daemon renders it: page 0x83 bytes 8-23 in
-// lowercase hex.
+// The LUN's WWN as the daemon renders it: page 0x83 bytes 8-23, lowercase hex.
 inline std::string WwnOf(vnarray::Client& client, const std::string& dev) {
     const vnarray::Bytes page = client.Page(dev, "83");
     std::string out;
@@ -126,22 +121,13 @@ inline std::string WwnOf(vnarray::Client& client, const std::string& dev) {
 // Entry names of /sys/block in the order readdir yields them.
 inline std::vector<std::string> SysBlockOrder() {
     std::vector<std::string> out;
-    DIR* dir = ::opendir("/sys/block");
-    if (dir == nullptr) {
-        return out;
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/block")) {
+        out.push_back(entry.path().filename());
     }
-    while (const dirent* e = ::readdir(dir)) {  // NOLINT(concurrency-mt-unsafe)
-        const std::string name = e->d_name;
-        if (name != "." && name != "..") {
-            out.push_back(name);
-        }
-    }
-    ::closedir(dir);
     return out;
 }
 
-// Opens (not closes) the array saw, per LUN, as access modes; a failed
-// open is shown as "fail".
+// The opens the array saw, per LUN: "ro", "rw" or "fail".
 inline std::map<std::string, std::vector<std::string>> OpensByLun(vnarray::Client& client) {
     std::map<std::string, std::vector<std::string>> out;
     for (const vnarray::OpenRecord& r : client.Opens()) {
@@ -154,8 +140,7 @@ inline std::map<std::string, std::vector<std::string>> OpensByLun(vnarray::Clien
     return out;
 }
 
-// One summary per command: "lun op page alloc flags", e.g.
-// "sdb 12 c8 512 ro".
+// One summary per command: "lun op page alloc flags", e.g. "sdb 12 c8 512 ro".
 inline std::vector<std::string> CommandSummaries(vnarray::Client& client) {
     std::vector<std::string> out;
     for (const vnarray::CommandRecord& r : client.Commands()) {
@@ -171,21 +156,15 @@ inline std::vector<std::string> CommandSummaries(vnarray::Client& client) {
     return out;
 }
 
-// The five INQUIRY commands of an accepted disk: the vendor check, then
-// name, WWN, array name and serial number.
-inline std::vector<std::string> DiscoveryCommands(const std::string& dev) {
-    return {dev + " 12 00 36 ro", dev + " 12 c8 512 ro", dev + " 12 83 24 ro",
-            dev + " 12 c8 512 ro", dev + " 12 80 28 ro"};
-}
-
-// The four identity INQUIRY commands of HIC_GetDevInfo.
+// The identity INQUIRY commands of HIC_GetDevInfo: name, WWN, array name
+// and serial number.
 inline std::vector<std::string> IdentityCommands(const std::string& dev) {
     return {dev + " 12 c8 512 ro", dev + " 12 83 24 ro", dev + " 12 c8 512 ro",
             dev + " 12 80 28 ro"};
 }
 
-// A suite-wide virtual array, started once: starting one per test would
-// cost more than the tests themselves.
+// One virtual array per suite: starting one per test would cost more than
+// the tests themselves.
 class RigSuite : public hic_test::SandboxTest {
   protected:
     static void StartRig(const char* config) {
@@ -204,7 +183,7 @@ class RigSuite : public hic_test::SandboxTest {
         ResetLists();
         client().ClearFaults();
         client().Reset();
-        SetListing(nullptr);
+        SetListing(std::nullopt);
         (void)std::remove(kCallsPath);
     }
     void TearDown() override {

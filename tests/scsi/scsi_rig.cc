@@ -1,9 +1,13 @@
 #include "scsi_rig.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
 #include <utility>
+
+#include "scsi/sg_transport.h"
 
 namespace hic_test {
 namespace {
@@ -19,7 +23,7 @@ std::unique_ptr<vnarray::Rig>& TheRig() {
     return rig;
 }
 
-// Stops the array once every test has run, so that its mounts go first.
+// Stops the array after the last test, so that its mounts go first.
 class RigEnvironment : public ::testing::Environment {
   public:
     void TearDown() override {
@@ -47,10 +51,29 @@ vnarray::Client& Array() {
     return rig->client();
 }
 
-void ScsiRigTest::SetUp() {
-    SandboxTest::SetUp();
+void ScsiRigTest::NextCase() {
     Array().ClearFaults();
     Array().Reset();
+    (void)std::remove(HIC_LOG_PATH);
+}
+
+hic::UniqueFd OpenLun(const char* path, int mode) {
+    hic::UniqueFd fd(HIC_OpenDevByPath(path, mode));
+    EXPECT_TRUE(fd.Valid()) << path;
+    return fd;
+}
+
+int ClosedFd() {
+    const int fd = ::dup(0);
+    ::close(fd);
+    return fd;
+}
+
+void InjectOnB(const char* kind, const char* json) {
+    Json fault = Json::parse(json);
+    fault["lun"] = "sdb";
+    fault["kind"] = kind;
+    Array().InjectFault(fault);
 }
 
 ScopedLun::ScopedLun(Json fields) {
@@ -73,20 +96,13 @@ ScopedLun::~ScopedLun() {
 }
 
 std::string SpacedHex(const unsigned char* data, size_t len) {
-    static constexpr char kDigits[] = "0123456789abcdef";
     std::string out;
+    char pair[4];
     for (size_t i = 0; i < len; ++i) {
-        if (i != 0) {
-            out += ' ';
-        }
-        out += kDigits[data[i] >> 4U];
-        out += kDigits[data[i] & 0x0FU];
+        std::snprintf(pair, sizeof(pair), i == 0 ? "%02x" : " %02x", data[i]);
+        out += pair;
     }
     return out;
-}
-
-std::string SpacedHex(const Bytes& bytes) {
-    return SpacedHex(bytes.data(), bytes.size());
 }
 
 Bytes Hex(const std::string& text) {
@@ -97,24 +113,24 @@ Bytes Hex(const std::string& text) {
     return *bytes;
 }
 
-std::vector<CommandRecord> Commands() {
-    return Array().Commands();
-}
-
-std::vector<OpenSeen> Opens() {
-    std::vector<OpenSeen> out;
-    for (const vnarray::OpenRecord& r : Array().Opens()) {
-        if (!r.close) {
-            out.push_back({r.flags, r.err, r.lun});
-        }
-    }
+std::vector<vnarray::OpenRecord> Opens() {
+    std::vector<vnarray::OpenRecord> out = Array().Opens();
+    std::erase_if(out, [](const vnarray::OpenRecord& r) { return r.close; });
     return out;
 }
 
-void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, uint32_t dxferLen) {
+CommandRecord ExpectOneRequest(const std::string& cdb, int direction, uint32_t dxferLen,
+                               int openFlags) {
+    const auto commands = Commands();
+    EXPECT_EQ(commands.size(), 1U);
+    if (commands.size() != 1) {
+        return {};
+    }
+    const CommandRecord& rec = commands[0];
+    EXPECT_EQ(SpacedHex(rec.cdb), cdb);
     EXPECT_EQ(rec.interface_id, 'S');
     EXPECT_EQ(rec.dxfer_direction, direction);
-    EXPECT_EQ(rec.cmd_len, cmdLen);
+    EXPECT_EQ(rec.cmd_len, static_cast<int>(rec.cdb.size()));
     EXPECT_EQ(rec.mx_sb_len, 96);
     EXPECT_EQ(rec.dxfer_len, dxferLen);
     EXPECT_EQ(rec.timeout, 30U);  // milliseconds
@@ -122,6 +138,8 @@ void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, ui
     EXPECT_EQ(rec.iovec_count, 0);
     EXPECT_EQ(rec.pack_id, 0);
     EXPECT_FALSE(rec.usr_ptr);
+    EXPECT_EQ(rec.open_flags, openFlags);
+    return rec;
 }
 
 }  // namespace hic_test

@@ -1,6 +1,5 @@
-// Shared by the SCSI tests: one virtual array for the whole test binary,
-// started by the first test that needs it, with faults and records cleared
-// before every test so that each sees only its own commands.
+// Shared by the SCSI tests: one virtual array per test binary, started on
+// first use, with faults and records cleared before every test and case.
 #ifndef HIC_TESTS_SCSI_SCSI_RIG_H
 #define HIC_TESTS_SCSI_SCSI_RIG_H
 
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "base/handles.h"
 #include "client.h"
 #include "support/sandbox_test.h"
 
@@ -19,23 +19,32 @@ using vnarray::Bytes;
 using vnarray::CommandRecord;
 using vnarray::Json;
 
-// The array every test may use: sdb and sdc belong to it.
+// sdb and sdc belong to this array; per-case LUNs appear at sdt.
 inline constexpr const char* kArraySn = "ARRAY0001";
 inline constexpr const char* kLunB = "/dev/sdb";
-// The node per-case LUNs are installed at (see ScopedLun).
 inline constexpr const char* kCaseDev = "sdt";
 inline constexpr const char* kCasePath = "/dev/sdt";
 
-// The virtual array of this process; started on first use.
 vnarray::Client& Array();
 
 class ScsiRigTest : public SandboxTest {
   protected:
-    void SetUp() override;
+    void SetUp() override {
+        SandboxTest::SetUp();
+        NextCase();
+    }
+    // Clears faults, command records and the log between cases of a table.
+    static void NextCase();
 };
 
-// A LUN that exists for one case: added with the given fields (dev and
-// array filled in unless given), removed again at scope end.
+// Opens a node, expecting success.
+hic::UniqueFd OpenLun(const char* path, int mode);
+// A descriptor number that is surely closed: the lowest free one, freed.
+int ClosedFd();
+// Injects a fault of this kind on sdb; the rest of its fields as JSON text.
+void InjectOnB(const char* kind, const char* json);
+
+// A LUN added for one case (dev and array filled in unless given).
 class ScopedLun {
   public:
     explicit ScopedLun(Json fields);
@@ -49,22 +58,22 @@ class ScopedLun {
 
 // "c9 00 1c": readable in a failure message, exact in a comparison.
 std::string SpacedHex(const unsigned char* data, size_t len);
-std::string SpacedHex(const Bytes& bytes);
+inline std::string SpacedHex(const Bytes& bytes) {
+    return SpacedHex(bytes.data(), bytes.size());
+}
 Bytes Hex(const std::string& text);
 
-// Every command the array saw since the last reset.
-std::vector<CommandRecord> Commands();
-// The open flags (O_ACCMODE) and errors of every open since the last reset;
-// closes are left out, they arrive after close(2) has returned.
-struct OpenSeen {
-    int flags;
-    int err;
-    std::string lun;
-};
-std::vector<OpenSeen> Opens();
+inline std::vector<CommandRecord> Commands() {
+    return Array().Commands();
+}
+// Opens since the last reset; closes are left out, they arrive after
+// close(2) has returned.
+std::vector<vnarray::OpenRecord> Opens();
 
-// Checks the request fields every submission of this daemon carries.
-void ExpectRequestFields(const CommandRecord& rec, int direction, int cmdLen, uint32_t dxferLen);
+// Expects exactly one command since the last reset, with this CDB and the
+// sg_io_hdr fields every submission carries; gives it back.
+CommandRecord ExpectOneRequest(const std::string& cdb, int direction, uint32_t dxferLen,
+                               int openFlags);
 
 }  // namespace hic_test
 

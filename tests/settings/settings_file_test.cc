@@ -26,8 +26,8 @@ std::vector<char> LineBuffer(const std::string& text, size_t size = kLen) {
 
 struct FileCase {
     const char* name;
-    std::string content;  // null for "no settings file at all"
-    bool present;
+    std::string content;
+    bool present;  // false: no settings file at all
     int32_t rc;
     std::string ip;    // text of the address buffer, up to its NUL
     std::string type;  // exact bytes of the type buffer before the zero fill
@@ -107,7 +107,7 @@ TEST_P(GetIpAndTypeTest, ReadsBothValues) {
 INSTANTIATE_TEST_SUITE_P(Grammar, GetIpAndTypeTest, ::testing::ValuesIn(kFileCases),
                          hic_test::CaseName());
 
-TEST_F(SandboxTest, GetIpAndTypeRefusesBadArguments) {
+TEST_F(SandboxTest, RefusesBadArguments) {
     WriteSettings("IpType=IPv4;\nIpAddress=1.2.3.4;\n");
     std::vector<char> ip(kLen, '\0');
     std::vector<char> type(kLen, '\0');
@@ -115,11 +115,11 @@ TEST_F(SandboxTest, GetIpAndTypeRefusesBadArguments) {
     EXPECT_EQ(HIC_GetIpAndType(ip.data(), type.data(), -5), -1);
     EXPECT_EQ(HIC_GetIpAndType(nullptr, type.data(), kLen), -1);
     EXPECT_EQ(HIC_GetIpAndType(ip.data(), nullptr, kLen), -1);
+    EXPECT_EQ(HIC_StringTrim(nullptr, kLen), -1);
     EXPECT_EQ(LoggedMessages(), "");
 }
 
-// The reader hands over the whole working buffer: the piece, then zeros up
-// to size, and nothing beyond size.
+// The reader hands over the piece, then zeros up to size, nothing beyond.
 TEST_F(SandboxTest, ReadFileByLineCopiesExactlySizeBytes) {
     WriteSettings("first line\nsecond KEY= line\nthird KEY=\n");
     std::vector<char> out(kLen + 16, '\xAA');
@@ -227,12 +227,8 @@ TEST_P(StringTrimTest, TrimsInPlace) {
 INSTANTIATE_TEST_SUITE_P(Texts, StringTrimTest, ::testing::ValuesIn(kTrimCases),
                          hic_test::CaseName());
 
-TEST_F(SandboxTest, StringTrimRefusesNull) {
-    EXPECT_EQ(HIC_StringTrim(nullptr, kLen), -1);
-}
-
-// A text filling its buffer without a terminator is trimmed within the
-// buffer: the vector has no spare byte, so ASan sees any access beyond it.
+// A text filling its buffer without a terminator is trimmed within it: no
+// spare byte, so ASan sees any access beyond.
 TEST_F(SandboxTest, StringTrimStaysInsideBuffer) {
     std::vector<char> buf = {' ', ' ', 'a', 'b', ' '};
     EXPECT_EQ(HIC_StringTrim(buf.data(), static_cast<int32_t>(buf.size())), 0);

@@ -1,8 +1,7 @@
-// Shared by the sandboxed tests of the heartbeat and the collection work:
-// a virtual array (vnarray) serving /dev/sdX, the daemon's lists built from
-// it by the real discovery, stand-in collection scripts in the product's
-// script directory, the settings file, and helpers to wait for the
-// daemon's detached threads and to check what reached the array.
+// Shared by the sandboxed heartbeat and collection tests: a virtual array
+// (vnarray) serving /dev/sdX, the daemon's lists built from it by the real
+// discovery, stand-in collection scripts, the settings file, and helpers to
+// wait for the daemon's detached threads and to check what reached the array.
 #ifndef HIC_TESTS_SUPPORT_COLLECT_RIG_H
 #define HIC_TESTS_SUPPORT_COLLECT_RIG_H
 
@@ -15,13 +14,15 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <initializer_list>
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "client.h"
+#include "inventory/array_list.h"
 #include "inventory/discovery.h"
 #include "inventory/lists.h"
 #include "support/faketime.h"
@@ -32,16 +33,16 @@ namespace hic_test {
 using vnarray::Bytes;
 
 inline constexpr const char* kScriptDir = "/Vornal/install/otherTools";
-// Where the stand-in script finds its per-array settings and leaves notes
-// for the test (never inside the workspace, which the daemon removes).
+// Per-array settings of the stand-in script and its notes for the test
+// (outside the workspace, which the daemon removes).
 inline constexpr const char* kRunDir = "/run/hic-collect-test";
 inline constexpr const char* kSettingsPath = "/etc/vn.hostinfo";
 
 // The stand-in collection script. It works in its own directory, as the
-// product's does, and can be told (by /run/hic-collect-test/<sn>.conf) to
-// write a large random file (BIG=bytes), leave a symbolic link (LINK=target),
-// wait for other arrays' scripts (MEET=count), sleep (SLEEP=seconds) or
-// write nothing at all (NOTHING=1).
+// product's does; /run/hic-collect-test/<sn>.conf can make it write a large
+// random file (BIG=bytes), leave a symbolic link (LINK=target), wait for other
+// arrays' scripts (MEET=count), sleep (SLEEP=seconds) or write nothing
+// (NOTHING=1).
 inline constexpr const char* kCollectScript = R"SH(#!/bin/sh
 dir=$(dirname "$0")
 sn=$(basename "$dir")
@@ -79,16 +80,6 @@ exit 0
 inline constexpr const char* kDataScript =
     "#!/bin/sh\n# never run by the daemon itself\necho data\n";
 
-// The files the stand-in script leaves, in the order the packing command
-// stores them (the shell sorts each pattern's matches).
-inline const std::vector<std::string>& ScriptFiles(bool big) {
-    static const std::vector<std::string> small = {"args.data", "copy.data", "listing.data",
-                                                   "mode.data", "CollectLog_1.txt"};
-    static const std::vector<std::string> large = {"args.data",    "big.data",  "copy.data",
-                                                   "listing.data", "mode.data", "CollectLog_1.txt"};
-    return big ? large : small;
-}
-
 inline void WriteSettings(const std::string& type, const std::string& address) {
     WriteFile(kSettingsPath, "IpType=" + type + ";\nIpAddress=" + address + ";\n");
 }
@@ -108,55 +99,40 @@ inline bool Exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
-inline Bytes ReadBytes(const std::string& path) {
-    const std::string text = ReadFile(path.c_str());
-    return {text.begin(), text.end()};
-}
-
 inline Bytes Hex(const std::string& text) {
     return vnarray::FromHex(text).value();
 }
 
-// A 16-byte vendor CDB as the daemon lays it out.
-inline Bytes VendorCdb(uint8_t op, uint64_t address, uint32_t length) {
-    Bytes c(16, 0);
-    c[0] = op;
-    for (int i = 0; i < 8; ++i) {
-        c[2 + i] = static_cast<uint8_t>(address >> (56 - 8 * i));
+// value as n big-endian bytes.
+inline Bytes Be(uint64_t value, int n) {
+    Bytes b;
+    for (int i = n - 1; i >= 0; --i) {
+        b.push_back(static_cast<uint8_t>(value >> (8 * i)));
     }
-    for (int i = 0; i < 4; ++i) {
-        c[10 + i] = static_cast<uint8_t>(length >> (24 - 8 * i));
-    }
-    c[14] = 0x81;
-    return c;
+    return b;
 }
 
-// The chunk header the array expects before every chunk of an archive.
+inline Bytes Join(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const Bytes& p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+
+// The 16-byte vendor CDB as the daemon lays it out.
+inline Bytes VendorCdb(uint8_t op, uint64_t address, uint32_t length) {
+    return Join({{op, 0x00}, Be(address, 8), Be(length, 4), {0x81, 0x00}});
+}
+
+// The header the array expects before every chunk of an archive.
 inline Bytes ChunkHeader(uint32_t size, const Bytes& versions, const Bytes& hostIp,
                          uint8_t ipType) {
-    Bytes h = {0x00,
-               0x81,
-               static_cast<uint8_t>(size >> 24),
-               static_cast<uint8_t>(size >> 16),
-               static_cast<uint8_t>(size >> 8),
-               static_cast<uint8_t>(size),
-               0x10,
-               0x00};
-    h.insert(h.end(), versions.begin(), versions.end());
-    h.insert(h.end(), hostIp.begin(), hostIp.end());
-    h.push_back(ipType);
-    h.insert(h.end(), 3, 0x00);
-    return h;
+    return Join({Hex("0081"), Be(size, 4), Hex("1000"), versions, hostIp, {ipType, 0, 0, 0}});
 }
 
 inline Bytes HeartbeatPayload(const Bytes& versions, const Bytes& hostIp, uint8_t ipType) {
-    Bytes p = {0x00, 0x81, 0x00, 0x1C};
-    p.insert(p.end(), versions.begin(), versions.end());
-    p.insert(p.end(), hostIp.begin(), hostIp.end());
-    p.push_back(0x00);
-    p.push_back(ipType);
-    p.insert(p.end(), 2, 0x00);
-    return p;
+    return Join({Hex("0081001C"), versions, hostIp, {0, ipType, 0, 0}});
 }
 
 // The request fields every command of the daemon carries.
@@ -175,13 +151,40 @@ inline void ExpectDaemonRequest(const vnarray::CommandRecord& r, int direction, 
     EXPECT_EQ(r.open_flags, openFlags);
 }
 
-// The log split into its lines (each with its line end), prefixes reduced
-// to "LEVEL func: ".
-inline std::vector<std::string> LogLines() {
+// A log line as LoggedMessages() gives it.
+inline std::string Info(const std::string& func, const std::string& msg) {
+    return "INFO " + func + ": " + msg;
+}
+inline std::string Err(const std::string& func, const std::string& msg) {
+    return "ERR " + func + ": " + msg;
+}
+inline std::string Debug(const std::string& func, const std::string& msg) {
+    return "DEBUG " + func + ": " + msg;
+}
+
+using LogList = std::vector<std::string>;
+
+inline void AddTo(LogList& out, const std::string& line) {
+    out.push_back(line);
+}
+inline void AddTo(LogList& out, const LogList& lines) {
+    out.insert(out.end(), lines.begin(), lines.end());
+}
+
+// Log lines and lists of them, in order.
+template <typename... Parts>
+LogList Cat(const Parts&... parts) {
+    LogList out;
+    (AddTo(out, parts), ...);
+    return out;
+}
+
+// The log split into lines (each with its line end), prefixes reduced to
+// "LEVEL func: ".
+inline LogList LogLines() {
     const std::string log = LoggedMessages();
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < log.size()) {
+    LogList lines;
+    for (size_t start = 0; start < log.size();) {
         const size_t end = log.find('\n', start);
         const size_t stop = end == std::string::npos ? log.size() : end + 1;
         lines.push_back(log.substr(start, stop - start));
@@ -190,7 +193,7 @@ inline std::vector<std::string> LogLines() {
     return lines;
 }
 
-inline std::string Joined(const std::vector<std::string>& lines) {
+inline std::string Joined(const LogList& lines) {
     std::string out;
     for (const std::string& l : lines) {
         out += l;
@@ -198,10 +201,9 @@ inline std::string Joined(const std::vector<std::string>& lines) {
     return out;
 }
 
-// Whether observed is some interleaving of a and b, each kept in its own
-// order: two threads that log side by side produce exactly that.
-inline bool IsInterleaving(const std::vector<std::string>& observed,
-                           const std::vector<std::string>& a, const std::vector<std::string>& b) {
+// Whether observed is an interleaving of a and b, each kept in its own
+// order: what two threads logging side by side produce.
+inline bool IsInterleaving(const LogList& observed, const LogList& a, const LogList& b) {
     if (observed.size() != a.size() + b.size()) {
         return false;
     }
@@ -222,38 +224,45 @@ inline bool IsInterleaving(const std::vector<std::string>& observed,
     return can[b.size()] != 0;
 }
 
-// Builds the expectation of one thread's log lines.
-class Lines {
-  public:
-    Lines& Add(const std::string& line, int times = 1) {
-        for (int i = 0; i < times; ++i) {
-            lines_.push_back(line);
+// The log must be the two threads' lines, interleaved in some order.
+#define EXPECT_LOG_INTERLEAVES(first, second)                                          \
+    EXPECT_TRUE(::hic_test::IsInterleaving(::hic_test::LogLines(), (first), (second))) \
+        << "log:\n"                                                                    \
+        << ::hic_test::Joined(::hic_test::LogLines()) << "\nfirst thread:\n"           \
+        << ::hic_test::Joined(first) << "\nsecond thread:\n"                           \
+        << ::hic_test::Joined(second)
+
+// Polls pred, in real time, until it holds or the seconds have passed.
+inline bool WaitUntil(const std::function<bool()>& pred, double seconds = 60) {
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
         }
-        return *this;
+        RealSleep(std::chrono::milliseconds(2));
     }
-    Lines& Add(const std::vector<std::string>& more) {
-        lines_.insert(lines_.end(), more.begin(), more.end());
-        return *this;
-    }
-    const std::vector<std::string>& get() const { return lines_; }
+    return true;
+}
 
-  private:
-    std::vector<std::string> lines_;
-};
-
-// The log must be the collection thread's lines and the heartbeat
-// thread's lines, interleaved in some order.
-#define EXPECT_LOG_INTERLEAVES(task, heartbeat)                                              \
-    EXPECT_TRUE(                                                                             \
-        ::hic_test::IsInterleaving(::hic_test::LogLines(), (task).get(), (heartbeat).get())) \
-        << "log:\n"                                                                          \
-        << ::hic_test::Joined(::hic_test::LogLines()) << "\nfirst thread:\n"                 \
-        << ::hic_test::Joined((task).get()) << "\nsecond thread:\n"                          \
-        << ::hic_test::Joined((heartbeat).get())
+// Calls fn while no new thread can get its default stack, so that thread
+// creation fails (EAGAIN).
+inline int WithThreadCreationFailing(const std::function<int()>& fn) {
+    pthread_attr_t saved;
+    pthread_attr_t huge;
+    EXPECT_EQ(pthread_getattr_default_np(&saved), 0);
+    EXPECT_EQ(pthread_attr_init(&huge), 0);
+    EXPECT_EQ(pthread_attr_setstacksize(&huge, size_t{1} << 46), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+    const int ret = fn();
+    EXPECT_EQ(pthread_setattr_default_np(&saved), 0);
+    (void)pthread_attr_destroy(&huge);
+    (void)pthread_attr_destroy(&saved);
+    return ret;
+}
 
 // The whole test binary shares one virtual array and one snapshot of the
-// LUN list the real discovery built from it; each test picks the arrays it
-// works with.
+// LUN list the real discovery built from it; each test picks its arrays.
 class CollectRig {
   public:
     // Writes the scripts and the settings, starts vnarray (on the real
@@ -295,7 +304,6 @@ class CollectRig {
     }
 
     static vnarray::Client& client() { return rig_->client(); }
-    static const std::vector<HIC_LunInfo>& luns() { return luns_; }
 
     // Brings the array and the records back to their first state.
     static void Reset() {
@@ -315,7 +323,7 @@ class CollectRig {
         HIC_FreeLunList();
     }
 
-    // The LUN list of the daemon: the discovered LUNs of these arrays, in
+    // The daemon's LUN list: the discovered LUNs of these arrays, in
     // device-name order. The array list is emptied (versions back to zero).
     static void UseArrays(const std::set<std::string>& sns) {
         HIC_FreeArrayList();
@@ -332,22 +340,15 @@ class CollectRig {
     }
 
     // Waits (in real time) until no thread of the daemon holds an array.
-    static bool WaitReleased(double seconds = 60) {
-        const auto deadline = std::chrono::steady_clock::now() +
-                              std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
-        for (;;) {
-            bool released = true;
+    static bool WaitReleased() {
+        return WaitUntil([] {
             for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
-                released = released && HIC_IsArrayReleased(reinterpret_cast<HIC_ArrayInfo*>(p));
+                if (!HIC_IsArrayReleased(reinterpret_cast<HIC_ArrayInfo*>(p))) {
+                    return false;
+                }
             }
-            if (released) {
-                return true;
-            }
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            RealSleep(std::chrono::milliseconds(20));
-        }
+            return true;
+        });
     }
 
     static HIC_ArrayInfo* FindArray(const std::string& sn) {
@@ -364,6 +365,93 @@ class CollectRig {
     static inline std::unique_ptr<vnarray::Rig> rig_;
     static inline std::vector<std::string> ids_;
     static inline std::vector<HIC_LunInfo> luns_;
+};
+
+// The binary's environment: the shared array, started once.
+class RigEnvironment : public ::testing::Environment {
+  public:
+    explicit RigEnvironment(const char* config) : config_(config) {}
+    void SetUp() override {
+        if (!InHostSandbox()) {
+            std::fputs("this test must run inside the host sandbox\n", stderr);
+            std::abort();
+        }
+        CollectRig::Start(config_);
+    }
+    void TearDown() override { CollectRig::Stop(); }
+
+  private:
+    const char* config_;
+};
+
+// The versions, host address and type a record gets from Armed().
+inline Bytes ArmedVersions() {
+    return Hex("01020304");
+}
+inline Bytes ArmedHostIp() {
+    return Hex("20010DB8000000000000000000000001");  // 2001:db8::1
+}
+
+class RigTest : public SandboxTest {
+  protected:
+    void SetUp() override {
+        SandboxTest::SetUp();
+        CollectRig::Reset();
+    }
+    void TearDown() override {
+        // Records armed by hand go back to idle once no thread works on them.
+        for (const std::string& sn : armed_) {
+            if (HIC_ArrayInfo* a = CollectRig::FindArray(sn)) {
+                EXPECT_TRUE(WaitUntil([a] {
+                    return a->heartBeatRunning.load() == 0 && a->collectRunning.load() == 0;
+                }));
+                a->taskState.store(HIC_TASK_IDLE);
+            }
+        }
+        EXPECT_TRUE(CollectRig::WaitReleased()) << "a daemon thread still holds an array";
+        SandboxTest::TearDown();
+    }
+
+    static vnarray::Client& array() { return CollectRig::client(); }
+
+    static HIC_ArrayInfo& Record(const std::string& sn) {
+        HIC_ArrayInfo* a = CollectRig::FindArray(sn);
+        EXPECT_NE(a, nullptr) << sn;
+        static HIC_ArrayInfo none{};
+        return a != nullptr ? *a : none;
+    }
+
+    // The record of the only array in use, as the collection thread holds it
+    // while it collects.
+    HIC_ArrayInfo& Armed(const std::string& sn) {
+        CollectRig::UseArrays({sn});
+        EXPECT_EQ(HIC_GetArrayList(), 0);
+        HIC_ArrayInfo& rec = Record(sn);
+        const Bytes versions = ArmedVersions();
+        const Bytes hostIp = ArmedHostIp();
+        std::copy(versions.begin(), versions.end(), rec.versions);
+        std::copy(hostIp.begin(), hostIp.end(), rec.hostIp);
+        rec.ipType = 1;
+        rec.taskState.store(HIC_TASK_COLLECTING);
+        armed_.push_back(sn);
+        return rec;
+    }
+
+    static std::vector<vnarray::CommandRecord> Commands(const std::string& lun,
+                                                        const std::string& kind) {
+        return array().Commands({{"lun", lun}, {"kind", kind}});
+    }
+
+    static std::vector<std::string> Devs(const std::vector<vnarray::CommandRecord>& cmds) {
+        std::vector<std::string> out;
+        for (const auto& c : cmds) {
+            out.push_back(c.lun);
+        }
+        return out;
+    }
+
+  private:
+    std::vector<std::string> armed_;
 };
 
 }  // namespace hic_test
