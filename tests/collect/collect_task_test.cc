@@ -343,7 +343,7 @@ TEST_F(CollectTest, AtMostFourLunsAsked) {
 
     // The next pass starts again with the first LUN.
     Pass();
-    EXPECT_EQ(array().Opens("sdd").size(), 2U);
+    EXPECT_EQ(SettledOpens(array(), "sdd").size(), 2U);
     EXPECT_TRUE(array().Opens("sdh").empty());
 }
 

@@ -45,7 +45,7 @@ TEST_P(ChunkingTest, SendsEveryByteOnceInOrder) {
     EXPECT_EQ(array().UploadData("ROAD01"), archive);
     ExpectChunks(Commands("sdb", "ca"), archive, ArmedVersions(), ArmedHostIp(), 1);
     // One open and one close of the device for the whole attempt.
-    const auto opens = array().Opens("sdb");
+    const auto opens = SettledOpens(array(), "sdb");
     ASSERT_EQ(opens.size(), 2U);
     EXPECT_FALSE(opens[0].close);
     EXPECT_EQ(opens[0].flags, O_RDWR);
@@ -85,7 +85,7 @@ TEST_P(RefusedTest, EveryLunTriedNoneWritten) {
         expected =
             Cat(expected, BeginLines("ROAD01", dev, 0)[0], c.perLun, FailedOnLine("ROAD01", dev));
         // Opened and closed again for each attempt.
-        EXPECT_EQ(array().Opens(std::string(dev).substr(5)).size(), 2U) << dev;
+        EXPECT_EQ(SettledOpens(array(), std::string(dev).substr(5)).size(), 2U) << dev;
     }
     EXPECT_EQ(LoggedMessages(), Joined(expected));
 }

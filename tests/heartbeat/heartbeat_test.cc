@@ -99,7 +99,7 @@ TEST_P(HeartbeatTest, BeatsUntilWorkFinished) {
     EXPECT_EQ(sent, c.sent);
     // One descriptor per LUN, kept until the thread leaves that LUN. (The
     // array may see a close after the next open: grouped by LUN.)
-    auto records = array().Opens();
+    auto records = SettledOpens(array());
     std::stable_sort(records.begin(), records.end(),
                      [](const auto& x, const auto& y) { return x.lun < y.lun; });
     std::string opens;

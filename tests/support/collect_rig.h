@@ -245,6 +245,25 @@ inline bool WaitUntil(const std::function<bool()>& pred, double seconds = 60) {
     return true;
 }
 
+// The array records a close when the kernel hands it the release, which
+// may come after close(2) has returned: waits until every open that
+// succeeded has its close, then gives the records.
+inline std::vector<vnarray::OpenRecord> SettledOpens(vnarray::Client& client,
+                                                     const std::string& lun = "") {
+    std::vector<vnarray::OpenRecord> records;
+    (void)WaitUntil(
+        [&] {
+            records = client.Opens(lun);
+            long held = 0;
+            for (const auto& r : records) {
+                held += r.close ? -1 : (r.err == 0 ? 1 : 0);
+            }
+            return held <= 0;
+        },
+        10);
+    return records;
+}
+
 // Calls fn while no new thread can get its default stack, so that thread
 // creation fails (EAGAIN).
 inline int WithThreadCreationFailing(const std::function<int()>& fn) {
