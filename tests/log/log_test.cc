@@ -16,7 +16,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <regex>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -92,9 +91,21 @@ std::string OldLog(size_t size) {
 
 // The strict 19-character form "YYYY-MM-DD hh:mm:ss" with fields in range.
 bool IsDateText(const std::string& text) {
-    static const std::regex kDate(
-        R"(\d{4}-(0[1-9]|1[0-2])-(0[1-9]|[12]\d|3[01]) ([01]\d|2[0-3]):[0-5]\d:[0-5]\d)");
-    return std::regex_match(text, kDate);
+    static const char kShape[] = "dddd-dd-dd dd:dd:dd";
+    if (text.size() != sizeof(kShape) - 1) {
+        return false;
+    }
+    for (size_t i = 0; i < text.size(); ++i) {
+        const bool digit = text[i] >= '0' && text[i] <= '9';
+        if (kShape[i] == 'd' ? !digit : text[i] != kShape[i]) {
+            return false;
+        }
+    }
+    const int month = std::stoi(text.substr(5, 2));
+    const int day = std::stoi(text.substr(8, 2));
+    return month >= 1 && month <= 12 && day >= 1 && day <= 31 &&
+           std::stoi(text.substr(11, 2)) <= 23 && std::stoi(text.substr(14, 2)) <= 59 &&
+           std::stoi(text.substr(17, 2)) <= 59;
 }
 
 // The date of a line: strict form, and a real local time between `before`
