@@ -284,9 +284,9 @@ void FuzzFormat(FuzzedDataProvider& in, bool libcOnly) {
     }
     t.count = in.ConsumeIntegralInRange<uint32_t>(0, kMaxDest + 10);
     if (in.ConsumeIntegralInRange(0, 7) == 0) {
-        const uint32_t specials[] = {0x7FFFFFFEU, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFEU,
-                                     0xFFFFFFFFU};
-        t.count = specials[in.ConsumeIntegralInRange<size_t>(0, 4)];
+        const uint32_t edgeCounts[] = {0x7FFFFFFEU, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFEU,
+                                       0xFFFFFFFFU};
+        t.count = edgeCounts[in.ConsumeIntegralInRange<size_t>(0, 4)];
     }
     if (t.destMax > kMaxDest) {
         // Refused before any write: check against an empty reference.

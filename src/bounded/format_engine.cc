@@ -101,7 +101,7 @@ constexpr unsigned kFlagSpace = 4U;
 constexpr unsigned kFlagAlt = 8U;
 constexpr unsigned kFlagZero = 16U;
 
-struct Spec {
+struct Field {
     unsigned flags = 0;
     int width = 0;
     int prec = -1;  // -1: none given
@@ -138,25 +138,25 @@ bool ParseNumber(const char** pos, int* value) {
 }
 
 // Parses flags, width, precision and size prefix up to the conversion
-// character (stored in spec->conv); *pos is left behind it.
-bool ParseSpec(const char** pos, Args& args, Spec* spec) {
+// character (stored in field->conv); *pos is left behind it.
+bool ParseField(const char** pos, Args& args, Field* field) {
     const char* p = *pos;
     for (bool more = true; more;) {
         switch (*p) {
             case '-':
-                spec->flags |= kFlagLeft;
+                field->flags |= kFlagLeft;
                 break;
             case '+':
-                spec->flags |= kFlagPlus;
+                field->flags |= kFlagPlus;
                 break;
             case ' ':
-                spec->flags |= kFlagSpace;
+                field->flags |= kFlagSpace;
                 break;
             case '#':
-                spec->flags |= kFlagAlt;
+                field->flags |= kFlagAlt;
                 break;
             case '0':
-                spec->flags |= kFlagZero;
+                field->flags |= kFlagZero;
                 break;
             default:
                 more = false;
@@ -172,11 +172,11 @@ bool ParseSpec(const char** pos, Args& args, Spec* spec) {
             if (width == INT_MIN) {
                 return false;
             }
-            spec->flags |= kFlagLeft;
+            field->flags |= kFlagLeft;
             width = -width;
         }
-        spec->width = width;
-    } else if (!ParseNumber(&p, &spec->width)) {
+        field->width = width;
+    } else if (!ParseNumber(&p, &field->width)) {
         return false;
     }
 
@@ -185,8 +185,8 @@ bool ParseSpec(const char** pos, Args& args, Spec* spec) {
         if (*p == '*') {
             ++p;
             const int prec = va_arg(args.ap, int);
-            spec->prec = prec < 0 ? -1 : prec;
-        } else if (!ParseNumber(&p, &spec->prec)) {
+            field->prec = prec < 0 ? -1 : prec;
+        } else if (!ParseNumber(&p, &field->prec)) {
             return false;
         }
     }
@@ -194,66 +194,66 @@ bool ParseSpec(const char** pos, Args& args, Spec* spec) {
     switch (*p) {
         case 'h':
             ++p;
-            spec->length = Length::kShort;
+            field->length = Length::kShort;
             if (*p == 'h') {
                 ++p;
-                spec->length = Length::kChar;
+                field->length = Length::kChar;
             }
             break;
         case 'l':
             ++p;
-            spec->length = Length::kLong;
+            field->length = Length::kLong;
             if (*p == 'l') {
                 ++p;
-                spec->length = Length::kLongLong;
+                field->length = Length::kLongLong;
             }
-            spec->wide = true;
+            field->wide = true;
             break;
         case 'L':
         case 'q':
             ++p;
-            spec->length = Length::kLongLong;
-            spec->wide = true;
+            field->length = Length::kLongLong;
+            field->wide = true;
             break;
         case 'j':
             ++p;
-            spec->length = Length::kIntMax;
-            spec->wide = true;
+            field->length = Length::kIntMax;
+            field->wide = true;
             break;
         case 'z':
         case 'Z':
             ++p;
-            spec->length = Length::kSize;
-            spec->wide = true;
+            field->length = Length::kSize;
+            field->wide = true;
             break;
         case 't':
             ++p;
-            spec->length = Length::kPtrDiff;
-            spec->wide = true;
+            field->length = Length::kPtrDiff;
+            field->wide = true;
             break;
         case 'w':
             ++p;
-            spec->wide = true;
+            field->wide = true;
             break;
         case 'N':
             ++p;
             break;
         case 'I':
             ++p;
-            spec->length = Length::kPointer;
+            field->length = Length::kPointer;
             if (p[0] == '3' && p[1] == '2') {
                 p += 2;
-                spec->length = Length::kInt32;
+                field->length = Length::kInt32;
             } else if (p[0] == '6' && p[1] == '4') {
                 p += 2;
-                spec->length = Length::kInt64;
+                field->length = Length::kInt64;
             }
             break;
         default:
             break;
     }
 
-    spec->conv = *p;
+    field->conv = *p;
     if (*p != '\0') {
         ++p;
     }
@@ -348,14 +348,14 @@ char* PowerOfTwoDigits(uint64_t value, unsigned shift, const char* digitSet, cha
 }
 
 // One integer conversion. sign is '-', '+', ' ' or '\0'; base 8, 10 or 16.
-Status EmitInteger(Sink& out, const Spec& spec, uint64_t magnitude, char sign, unsigned base,
+Status EmitInteger(Sink& out, const Field& field, uint64_t magnitude, char sign, unsigned base,
                    bool upper) {
     char buffer[24];  // 22 octal digits of a 64-bit value, with room to spare
     char* const end = buffer + sizeof(buffer);
     char* digits = end;
     const char* digitSet = upper ? kUpperDigits : kLowerDigits;
     // Precision 0 prints no digits for a zero value.
-    if (magnitude != 0 || spec.prec != 0) {
+    if (magnitude != 0 || field.prec != 0) {
         if (base == 10) {
             digits = DecimalDigits(magnitude, end);
         } else {
@@ -369,27 +369,27 @@ Status EmitInteger(Sink& out, const Spec& spec, uint64_t magnitude, char sign, u
     if (sign != '\0') {
         prefix[prefixLen++] = sign;
     }
-    if (base == 16 && (spec.flags & kFlagAlt) != 0 && magnitude != 0) {
+    if (base == 16 && (field.flags & kFlagAlt) != 0 && magnitude != 0) {
         prefix[prefixLen++] = '0';
         prefix[prefixLen++] = digitSet[16];
     }
 
-    size_t zeros = spec.prec > 0 && static_cast<size_t>(spec.prec) > digitCount
-                       ? static_cast<size_t>(spec.prec) - digitCount
+    size_t zeros = field.prec > 0 && static_cast<size_t>(field.prec) > digitCount
+                       ? static_cast<size_t>(field.prec) - digitCount
                        : 0;
     // "#" with octal: the text must begin with a 0.
-    if (base == 8 && (spec.flags & kFlagAlt) != 0 && zeros == 0 &&
+    if (base == 8 && (field.flags & kFlagAlt) != 0 && zeros == 0 &&
         (digitCount == 0 || *digits != '0')) {
         zeros = 1;
     }
 
     const size_t total = prefixLen + zeros + digitCount;
     size_t pad =
-        static_cast<size_t>(spec.width) > total ? static_cast<size_t>(spec.width) - total : 0;
-    if ((spec.flags & kFlagLeft) == 0 && pad != 0) {
+        static_cast<size_t>(field.width) > total ? static_cast<size_t>(field.width) - total : 0;
+    if ((field.flags & kFlagLeft) == 0 && pad != 0) {
         // "0" pads between the prefix and the digits, unless a precision
         // was given.
-        if ((spec.flags & kFlagZero) != 0 && spec.prec < 0) {
+        if ((field.flags & kFlagZero) != 0 && field.prec < 0) {
             zeros += pad;
         } else if (!out.Fill(' ', pad)) {
             return Status::kNoRoom;
@@ -403,10 +403,10 @@ Status EmitInteger(Sink& out, const Spec& spec, uint64_t magnitude, char sign, u
 }
 
 // Text with width padding (always blanks, as glibc pads strings).
-Status EmitPadded(Sink& out, const Spec& spec, const char* text, size_t len) {
+Status EmitPadded(Sink& out, const Field& field, const char* text, size_t len) {
     const size_t pad =
-        static_cast<size_t>(spec.width) > len ? static_cast<size_t>(spec.width) - len : 0;
-    if ((spec.flags & kFlagLeft) != 0) {
+        static_cast<size_t>(field.width) > len ? static_cast<size_t>(field.width) - len : 0;
+    if ((field.flags & kFlagLeft) != 0) {
         return Fits(out.Write(text, len) && out.Fill(' ', pad));
     }
     return Fits(out.Fill(' ', pad) && out.Write(text, len));
@@ -435,16 +435,16 @@ Status WideText(Sink* out, const wchar_t* text, size_t limit, size_t* length) {
     return Status::kOk;
 }
 
-Status EmitWideString(Sink& out, const Spec& spec, const wchar_t* text) {
-    const size_t limit = spec.prec < 0 ? SIZE_MAX : static_cast<size_t>(spec.prec);
+Status EmitWideString(Sink& out, const Field& field, const wchar_t* text) {
+    const size_t limit = field.prec < 0 ? SIZE_MAX : static_cast<size_t>(field.prec);
     size_t len = 0;
     Status status = WideText(nullptr, text, limit, &len);
     if (status != Status::kOk) {
         return status;
     }
     const size_t pad =
-        static_cast<size_t>(spec.width) > len ? static_cast<size_t>(spec.width) - len : 0;
-    const bool left = (spec.flags & kFlagLeft) != 0;
+        static_cast<size_t>(field.width) > len ? static_cast<size_t>(field.width) - len : 0;
+    const bool left = (field.flags & kFlagLeft) != 0;
     if (!left && !out.Fill(' ', pad)) {
         return Status::kNoRoom;
     }
@@ -455,23 +455,23 @@ Status EmitWideString(Sink& out, const Spec& spec, const wchar_t* text) {
     return left ? Fits(out.Fill(' ', pad)) : Status::kOk;
 }
 
-Status EmitString(Sink& out, const Spec& spec, Args& args) {
+Status EmitString(Sink& out, const Field& field, Args& args) {
     const void* arg = va_arg(args.ap, const void*);
     if (arg == nullptr) {
         // glibc prints "(null)" only when the precision lets all of it through.
-        const bool whole = spec.prec < 0 || spec.prec >= 6;
-        return EmitPadded(out, spec, "(null)", whole ? 6 : 0);
+        const bool whole = field.prec < 0 || field.prec >= 6;
+        return EmitPadded(out, field, "(null)", whole ? 6 : 0);
     }
-    if (spec.wide || spec.conv == 'S') {
-        return EmitWideString(out, spec, static_cast<const wchar_t*>(arg));
+    if (field.wide || field.conv == 'S') {
+        return EmitWideString(out, field, static_cast<const wchar_t*>(arg));
     }
     const auto* text = static_cast<const char*>(arg);
-    const size_t len = spec.prec < 0 ? std::strlen(text) : strnlen(text, spec.prec);
-    return EmitPadded(out, spec, text, len);
+    const size_t len = field.prec < 0 ? std::strlen(text) : strnlen(text, field.prec);
+    return EmitPadded(out, field, text, len);
 }
 
-Status EmitChar(Sink& out, const Spec& spec, Args& args) {
-    if (spec.wide || spec.conv == 'C') {
+Status EmitChar(Sink& out, const Field& field, Args& args) {
+    if (field.wide || field.conv == 'C') {
         const wint_t wc = va_arg(args.ap, wint_t);
         mbstate_t state{};
         char mb[MB_LEN_MAX];
@@ -479,24 +479,24 @@ Status EmitChar(Sink& out, const Spec& spec, Args& args) {
         if (n == static_cast<size_t>(-1)) {
             return Status::kError;
         }
-        return EmitPadded(out, spec, mb, n);
+        return EmitPadded(out, field, mb, n);
     }
     const char c = static_cast<char>(va_arg(args.ap, int));
-    return EmitPadded(out, spec, &c, 1);
+    return EmitPadded(out, field, &c, 1);
 }
 
-Status EmitPointer(Sink& out, const Spec& spec, Args& args) {
+Status EmitPointer(Sink& out, const Field& field, Args& args) {
     const void* ptr = va_arg(args.ap, const void*);
     if (ptr == nullptr) {
-        return EmitPadded(out, spec, "(nil)", 5);
+        return EmitPadded(out, field, "(nil)", 5);
     }
     // glibc prints a pointer as %#lx and keeps the "+" and " " flags.
-    Spec hex = spec;
+    Field hex = field;
     hex.flags |= kFlagAlt;
     char sign = '\0';
-    if ((spec.flags & kFlagPlus) != 0) {
+    if ((field.flags & kFlagPlus) != 0) {
         sign = '+';
-    } else if ((spec.flags & kFlagSpace) != 0) {
+    } else if ((field.flags & kFlagSpace) != 0) {
         sign = ' ';
     }
     return EmitInteger(out, hex, reinterpret_cast<uintptr_t>(ptr), sign, 16, false);
@@ -505,25 +505,25 @@ Status EmitPointer(Sink& out, const Spec& spec, Args& args) {
 // Floating point goes through libc: rebuild the conversion with the width
 // and precision passed as arguments, format into a scratch buffer (on the
 // heap when the result is long), and copy it in.
-Status EmitFloat(Sink& out, const Spec& spec, Args& args) {
+Status EmitFloat(Sink& out, const Field& field, Args& args) {
     char format[16];
     size_t n = 0;
     format[n++] = '%';
     const char flagChars[] = {'-', '+', ' ', '#', '0'};
     const unsigned flagBits[] = {kFlagLeft, kFlagPlus, kFlagSpace, kFlagAlt, kFlagZero};
     for (size_t i = 0; i < sizeof(flagChars); ++i) {
-        if ((spec.flags & flagBits[i]) != 0) {
+        if ((field.flags & flagBits[i]) != 0) {
             format[n++] = flagChars[i];
         }
     }
-    const bool isLongDouble = spec.length == Length::kLongLong;
+    const bool isLongDouble = field.length == Length::kLongLong;
     format[n++] = '*';
     format[n++] = '.';
     format[n++] = '*';
     if (isLongDouble) {
         format[n++] = 'L';
     }
-    format[n++] = spec.conv;
+    format[n++] = field.conv;
     format[n] = '\0';
 
     long double longValue = 0;
@@ -536,8 +536,9 @@ Status EmitFloat(Sink& out, const Spec& spec, Args& args) {
     auto run = [&](char* buffer, size_t size) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
-        return isLongDouble ? std::snprintf(buffer, size, format, spec.width, spec.prec, longValue)
-                            : std::snprintf(buffer, size, format, spec.width, spec.prec, value);
+        return isLongDouble
+                   ? std::snprintf(buffer, size, format, field.width, field.prec, longValue)
+                   : std::snprintf(buffer, size, format, field.width, field.prec, value);
 #pragma GCC diagnostic pop
     };
 
@@ -556,46 +557,46 @@ Status EmitFloat(Sink& out, const Spec& spec, Args& args) {
     return Fits(out.Write(big.Get(), static_cast<size_t>(len)));
 }
 
-Status Convert(Sink& out, const Spec& spec, Args& args) {
-    switch (spec.conv) {
+Status Convert(Sink& out, const Field& field, Args& args) {
+    switch (field.conv) {
         case 'd':
         case 'i': {
-            const int64_t value = FetchSigned(args, spec.length);
+            const int64_t value = FetchSigned(args, field.length);
             char sign = '\0';
             if (value < 0) {
                 sign = '-';
-            } else if ((spec.flags & kFlagPlus) != 0) {
+            } else if ((field.flags & kFlagPlus) != 0) {
                 sign = '+';
-            } else if ((spec.flags & kFlagSpace) != 0) {
+            } else if ((field.flags & kFlagSpace) != 0) {
                 sign = ' ';
             }
             const uint64_t magnitude =
                 value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-            return EmitInteger(out, spec, magnitude, sign, 10, false);
+            return EmitInteger(out, field, magnitude, sign, 10, false);
         }
         case 'u':
-            return EmitInteger(out, spec, FetchUnsigned(args, spec.length), '\0', 10, false);
+            return EmitInteger(out, field, FetchUnsigned(args, field.length), '\0', 10, false);
         case 'o':
-            return EmitInteger(out, spec, FetchUnsigned(args, spec.length), '\0', 8, false);
+            return EmitInteger(out, field, FetchUnsigned(args, field.length), '\0', 8, false);
         case 'x':
-            return EmitInteger(out, spec, FetchUnsigned(args, spec.length), '\0', 16, false);
+            return EmitInteger(out, field, FetchUnsigned(args, field.length), '\0', 16, false);
         case 'X':
-            return EmitInteger(out, spec, FetchUnsigned(args, spec.length), '\0', 16, true);
+            return EmitInteger(out, field, FetchUnsigned(args, field.length), '\0', 16, true);
         case 'c':
         case 'C':
-            return EmitChar(out, spec, args);
+            return EmitChar(out, field, args);
         case 's':
         case 'S':
-            return EmitString(out, spec, args);
+            return EmitString(out, field, args);
         case 'p':
-            return EmitPointer(out, spec, args);
+            return EmitPointer(out, field, args);
         case 'e':
         case 'E':
         case 'f':
         case 'F':
         case 'g':
         case 'G':
-            return EmitFloat(out, spec, args);
+            return EmitFloat(out, field, args);
         case '%':
             // As glibc: a "%" conversion ignores its flags and width.
             return Fits(out.Write("%", 1));
@@ -618,11 +619,11 @@ Status Run(Sink& out, const char* format, Args& args) {
             return Status::kOk;
         }
         ++p;  // the '%'
-        Spec spec;
-        if (!ParseSpec(&p, args, &spec)) {
+        Field field;
+        if (!ParseField(&p, args, &field)) {
             return Status::kError;
         }
-        const Status status = Convert(out, spec, args);
+        const Status status = Convert(out, field, args);
         if (status != Status::kOk) {
             return status;
         }

@@ -87,7 +87,7 @@ const AddrCase kAddrCases[] = {
     {"V6EightGroups", HIC_IP_TYPE_V6, "1:2:3:4:5:6:7:8", 0, V6({1, 2, 3, 4, 5, 6, 7, 8}), true},
     {"V6Loopback", HIC_IP_TYPE_V6, "::1", 0, V6({0, 0, 0, 0, 0, 0, 0, 1}), true},
     {"V6TrailingGap", HIC_IP_TYPE_V6, "1::", 0, V6({1, 0, 0, 0, 0, 0, 0, 0}), true},
-    {"V6Unspecified", HIC_IP_TYPE_V6, "::", 0, V6({0, 0, 0, 0, 0, 0, 0, 0}), true},
+    {"V6AllZeros", HIC_IP_TYPE_V6, "::", 0, V6({0, 0, 0, 0, 0, 0, 0, 0}), true},
     {"V6GapForOneGroupSevenColons", HIC_IP_TYPE_V6, "1::3:4:5:6:7:8", 0,
      V6({1, 0, 3, 4, 5, 6, 7, 8}), true},
     {"V6GapInMiddle", HIC_IP_TYPE_V6, "1:2:3:4::5:6:7", 0, V6({1, 2, 3, 4, 0, 5, 6, 7}), true},

@@ -221,11 +221,11 @@ std::string ErrnoName(int err) {
     return std::to_string(err);
 }
 
-bool ParseArraySpec(const Json& j, ArraySpec* out, std::string* error) {
+bool ParseArrayConf(const Json& j, ArrayConf* out, std::string* error) {
     if (!j.is_object()) {
         return Fail(error, "an array must be an object");
     }
-    ArraySpec a;
+    ArrayConf a;
     if (!ReadString(j, "sn", &a.sn, error) || !ReadString(j, "id", &a.id, error) ||
         !ReadString(j, "name", &a.name, error)) {
         return false;
@@ -246,11 +246,11 @@ bool ParseArraySpec(const Json& j, ArraySpec* out, std::string* error) {
     return true;
 }
 
-bool ParseLunSpec(const Json& j, LunSpec* out, std::string* error) {
+bool ParseLunConf(const Json& j, LunConf* out, std::string* error) {
     if (!j.is_object()) {
         return Fail(error, "a LUN must be an object");
     }
-    LunSpec l;
+    LunConf l;
     if (!ReadString(j, "dev", &l.dev, error) || !ReadString(j, "array", &l.array, error) ||
         !ReadString(j, "vendor", &l.vendor, error) ||
         !ReadString(j, "product", &l.product, error) ||
@@ -328,11 +328,11 @@ bool ParseLunSpec(const Json& j, LunSpec* out, std::string* error) {
     return true;
 }
 
-bool ParseFaultSpec(const Json& j, FaultSpec* out, std::string* error) {
+bool ParseFaultConf(const Json& j, FaultConf* out, std::string* error) {
     if (!j.is_object()) {
         return Fail(error, "a fault must be an object");
     }
-    FaultSpec f;
+    FaultConf f;
     if (!ReadString(j, "lun", &f.lun, error)) {
         return false;
     }
@@ -420,14 +420,14 @@ bool LoadConfig(const Json& j, Model* model, std::string* error) {
         }
     }
     for (const Json& a : j.value("arrays", Json::array())) {
-        ArraySpec spec;
-        if (!ParseArraySpec(a, &spec, error) || !model->AddArray(std::move(spec), error)) {
+        ArrayConf conf;
+        if (!ParseArrayConf(a, &conf, error) || !model->AddArray(std::move(conf), error)) {
             return false;
         }
     }
     for (const Json& l : j.value("luns", Json::array())) {
-        LunSpec spec;
-        if (!ParseLunSpec(l, &spec, error) || !model->AddLun(std::move(spec), error)) {
+        LunConf conf;
+        if (!ParseLunConf(l, &conf, error) || !model->AddLun(std::move(conf), error)) {
             return false;
         }
     }
@@ -435,26 +435,26 @@ bool LoadConfig(const Json& j, Model* model, std::string* error) {
 }
 
 Json ToJson(const ArrayState& a) {
-    return {{"id", a.spec.id},
-            {"sn", a.spec.sn},
-            {"name", a.spec.name},
-            {"major", a.spec.major},
-            {"minor", a.spec.minor},
-            {"switch", a.spec.switch_state},
+    return {{"id", a.conf.id},
+            {"sn", a.conf.sn},
+            {"name", a.conf.name},
+            {"major", a.conf.major},
+            {"minor", a.conf.minor},
+            {"switch", a.conf.switch_state},
             {"collect_version",
-             ToHex(Bytes(a.spec.collect_version.begin(), a.spec.collect_version.end()))},
+             ToHex(Bytes(a.conf.collect_version.begin(), a.conf.collect_version.end()))},
             {"dropped_uploads", a.dropped_attempts}};
 }
 
 Json ToJson(const LunInfo& l) {
-    return {{"dev", l.spec.dev},
-            {"array", l.spec.array},
-            {"vendor", l.spec.vendor},
-            {"name", l.spec.name}};
+    return {{"dev", l.conf.dev},
+            {"array", l.conf.array},
+            {"vendor", l.conf.vendor},
+            {"name", l.conf.name}};
 }
 
 Json ToJson(const Fault& f) {
-    const FaultSpec& s = f.spec;
+    const FaultConf& s = f.conf;
     Json j = {{"id", f.id},       {"lun", s.lun},   {"kind", s.kind.Name()}, {"after", s.after},
               {"count", s.count}, {"seen", f.seen}, {"hits", f.hits}};
     if (s.err != 0) {

@@ -49,9 +49,9 @@ namespace vnarray {
 
 using Json = nlohmann::json;
 
-bool ParseArraySpec(const Json& j, ArraySpec* out, std::string* error);
-bool ParseLunSpec(const Json& j, LunSpec* out, std::string* error);
-bool ParseFaultSpec(const Json& j, FaultSpec* out, std::string* error);
+bool ParseArrayConf(const Json& j, ArrayConf* out, std::string* error);
+bool ParseLunConf(const Json& j, LunConf* out, std::string* error);
+bool ParseFaultConf(const Json& j, FaultConf* out, std::string* error);
 // Adds every array and LUN of a configuration document to the model.
 bool LoadConfig(const Json& j, Model* model, std::string* error);
 

@@ -152,7 +152,7 @@ void OnReaddir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file
     add(".", DirAttr());
     add("..", DirAttr());
     for (const LunInfo& l : Front(req)->model().Luns()) {
-        add(l.spec.dev.c_str(), LunAttr(l.id));
+        add(l.conf.dev.c_str(), LunAttr(l.id));
     }
     if (off < 0 || static_cast<size_t>(off) >= buf.size()) {
         fuse_reply_buf(req, nullptr, 0);

@@ -101,7 +101,7 @@ std::string Hex8(unsigned v) {
     return buf;
 }
 
-Wwn DefaultWwn(const LunSpec& lun) {
+Wwn DefaultWwn(const LunConf& lun) {
     // NAA 6 with a stable body, so a LUN keeps its WWN across runs.
     std::string seed = lun.array + "/" + lun.dev;
     std::uint64_t a = Fnv1a64(reinterpret_cast<const std::uint8_t*>(seed.data()), seed.size());
@@ -171,7 +171,7 @@ void CheckVendorCdb(const Bytes& cdb, std::vector<std::string>& issues, const st
 }  // namespace
 
 struct Model::Array {
-    ArraySpec spec;
+    ArrayConf conf;
     std::deque<UploadAttempt> attempts;
     std::uint64_t next_attempt = 0;
     std::uint64_t dropped_attempts = 0;
@@ -179,7 +179,7 @@ struct Model::Array {
 
 struct Model::Lun {
     std::uint64_t id = 0;
-    LunSpec spec;
+    LunConf conf;
 };
 
 std::uint64_t Fnv1a64(const std::uint8_t* data, std::size_t len) {
@@ -332,61 +332,61 @@ Clock Model::Now() const {
     return Clock{WallNow(), MonoNow() - mono_origin_};
 }
 
-bool Model::AddArray(ArraySpec spec, std::string* error) {
-    if (spec.id.empty()) {
-        spec.id = spec.sn;
+bool Model::AddArray(ArrayConf conf, std::string* error) {
+    if (conf.id.empty()) {
+        conf.id = conf.sn;
     }
-    if (spec.id.empty()) {
+    if (conf.id.empty()) {
         *error = "an array needs an sn or an id";
         return false;
     }
-    if (spec.sn.size() > kSerialLen) {
-        *error = "array sn '" + spec.sn + "' is longer than 20 bytes";
+    if (conf.sn.size() > kSerialLen) {
+        *error = "array sn '" + conf.sn + "' is longer than 20 bytes";
         return false;
     }
-    if (spec.name.size() > kArrayNameMax) {
-        *error = "array name of array '" + spec.id + "' is longer than 99 bytes";
+    if (conf.name.size() > kArrayNameMax) {
+        *error = "array name of array '" + conf.id + "' is longer than 99 bytes";
         return false;
     }
     std::lock_guard lock(mutex_);
-    if (arrays_.count(spec.id) != 0) {
-        *error = "array '" + spec.id + "' exists already";
+    if (arrays_.count(conf.id) != 0) {
+        *error = "array '" + conf.id + "' exists already";
         return false;
     }
     auto array = std::make_unique<Array>();
-    array->spec = std::move(spec);
-    const std::string id = array->spec.id;
+    array->conf = std::move(conf);
+    const std::string id = array->conf.id;
     arrays_.emplace(id, std::move(array));
     return true;
 }
 
-bool Model::AddLun(LunSpec spec, std::string* error) {
-    if (spec.dev.empty() || spec.dev.find('/') != std::string::npos || spec.dev == "." ||
-        spec.dev == "..") {
-        *error = "bad device name '" + spec.dev + "'";
+bool Model::AddLun(LunConf conf, std::string* error) {
+    if (conf.dev.empty() || conf.dev.find('/') != std::string::npos || conf.dev == "." ||
+        conf.dev == "..") {
+        *error = "bad device name '" + conf.dev + "'";
         return false;
     }
-    if (spec.name.size() > kShortNameLen || spec.long_name.size() > kLongNameLen) {
-        *error = "LUN " + spec.dev + ": name longer than its field";
+    if (conf.name.size() > kShortNameLen || conf.long_name.size() > kLongNameLen) {
+        *error = "LUN " + conf.dev + ": name longer than its field";
         return false;
     }
-    if ((spec.serial && spec.serial->size() > kSerialLen) ||
-        (spec.array_name && spec.array_name->size() > kArrayNameMax)) {
-        *error = "LUN " + spec.dev + ": serial or array name longer than its field";
+    if ((conf.serial && conf.serial->size() > kSerialLen) ||
+        (conf.array_name && conf.array_name->size() > kArrayNameMax)) {
+        *error = "LUN " + conf.dev + ": serial or array name longer than its field";
         return false;
     }
     std::lock_guard lock(mutex_);
-    if (!spec.array.empty() && arrays_.count(spec.array) == 0) {
-        *error = "LUN " + spec.dev + ": unknown array '" + spec.array + "'";
+    if (!conf.array.empty() && arrays_.count(conf.array) == 0) {
+        *error = "LUN " + conf.dev + ": unknown array '" + conf.array + "'";
         return false;
     }
-    if (FindLunLocked(spec.dev) != nullptr) {
-        *error = "LUN " + spec.dev + " exists already";
+    if (FindLunLocked(conf.dev) != nullptr) {
+        *error = "LUN " + conf.dev + " exists already";
         return false;
     }
     auto lun = std::make_unique<Lun>();
     lun->id = next_lun_id_++;
-    lun->spec = std::move(spec);
+    lun->conf = std::move(conf);
     luns_.push_back(std::move(lun));
     return true;
 }
@@ -394,7 +394,7 @@ bool Model::AddLun(LunSpec spec, std::string* error) {
 bool Model::RemoveLun(const std::string& dev, std::string* error) {
     std::lock_guard lock(mutex_);
     auto it =
-        std::find_if(luns_.begin(), luns_.end(), [&](const auto& l) { return l->spec.dev == dev; });
+        std::find_if(luns_.begin(), luns_.end(), [&](const auto& l) { return l->conf.dev == dev; });
     if (it == luns_.end()) {
         *error = "unknown LUN '" + dev + "'";
         return false;
@@ -411,9 +411,9 @@ bool Model::SetSwitch(const std::string& array, std::uint8_t state,
         *error = "unknown array '" + array + "'";
         return false;
     }
-    a->spec.switch_state = state;
+    a->conf.switch_state = state;
     if (version) {
-        a->spec.collect_version = *version;
+        a->conf.collect_version = *version;
     }
     return true;
 }
@@ -426,8 +426,8 @@ bool Model::SetArrayVersion(const std::string& array, std::uint8_t major, std::u
         *error = "unknown array '" + array + "'";
         return false;
     }
-    a->spec.major = major;
-    a->spec.minor = minor;
+    a->conf.major = major;
+    a->conf.minor = minor;
     return true;
 }
 
@@ -436,7 +436,7 @@ std::vector<LunInfo> Model::Luns() const {
     std::vector<LunInfo> out;
     out.reserve(luns_.size());
     for (const auto& l : luns_) {
-        out.push_back(LunInfo{l->id, l->spec});
+        out.push_back(LunInfo{l->id, l->conf});
     }
     return out;
 }
@@ -447,14 +447,14 @@ std::optional<LunInfo> Model::FindLun(const std::string& dev) const {
     if (l == nullptr) {
         return std::nullopt;
     }
-    return LunInfo{l->id, l->spec};
+    return LunInfo{l->id, l->conf};
 }
 
 std::optional<LunInfo> Model::FindLun(std::uint64_t id) const {
     std::lock_guard lock(mutex_);
     for (const auto& l : luns_) {
         if (l->id == id) {
-            return LunInfo{l->id, l->spec};
+            return LunInfo{l->id, l->conf};
         }
     }
     return std::nullopt;
@@ -464,7 +464,7 @@ std::vector<ArrayState> Model::Arrays() const {
     std::lock_guard lock(mutex_);
     std::vector<ArrayState> out;
     for (const auto& [id, a] : arrays_) {
-        out.push_back(ArrayState{a->spec, a->dropped_attempts});
+        out.push_back(ArrayState{a->conf, a->dropped_attempts});
     }
     return out;
 }
@@ -480,7 +480,7 @@ Model::Lun* Model::FindLunLocked(std::uint64_t id) {
 
 const Model::Lun* Model::FindLunLocked(const std::string& dev) const {
     for (const auto& l : luns_) {
-        if (l->spec.dev == dev) {
+        if (l->conf.dev == dev) {
             return l.get();
         }
     }
@@ -502,7 +502,7 @@ std::optional<Bytes> Model::Page(const std::string& dev, int page) const {
 }
 
 std::optional<Bytes> Model::PageLocked(const Lun& lun, int page) const {
-    const LunSpec& s = lun.spec;
+    const LunConf& s = lun.conf;
     const Array* array = nullptr;
     if (!s.array.empty()) {
         auto it = arrays_.find(s.array);
@@ -547,7 +547,7 @@ std::optional<Bytes> Model::PageLocked(const Lun& lun, int page) const {
                 if (s.serial) {
                     PutBytes(p, 4, kSerialLen, *s.serial);
                 } else if (array != nullptr) {
-                    PutField(p, 4, kSerialLen, array->spec.sn, 0);
+                    PutField(p, 4, kSerialLen, array->conf.sn, 0);
                 }
                 break;
             }
@@ -567,8 +567,8 @@ std::optional<Bytes> Model::PageLocked(const Lun& lun, int page) const {
                 p[1] = 0xC0;
                 PutBe16(p, 2, static_cast<std::uint16_t>(kPageC0Len - 4));
                 if (array != nullptr) {
-                    p[184] = array->spec.major;
-                    p[186] = array->spec.minor;
+                    p[184] = array->conf.major;
+                    p[186] = array->conf.minor;
                 }
                 break;
             case 0xC8: {
@@ -580,7 +580,7 @@ std::optional<Bytes> Model::PageLocked(const Lun& lun, int page) const {
                 if (s.array_name) {
                     name = *s.array_name;
                 } else if (array != nullptr) {
-                    name.assign(array->spec.name.begin(), array->spec.name.end());
+                    name.assign(array->conf.name.begin(), array->conf.name.end());
                 }
                 p[106] = static_cast<std::uint8_t>(name.size());
                 PutBytes(p, 107, kArrayNameMax, name);
@@ -616,11 +616,11 @@ int Model::Open(std::uint64_t lun_id, int flags, int pid) {
     if (lun == nullptr) {
         rec.err = ENOENT;
     } else {
-        rec.lun = lun->spec.dev;
+        rec.lun = lun->conf.dev;
         FaultKind open_kind;
         open_kind.type = FaultKind::Type::kOpen;
-        if (Fault* f = MatchFaultLocked(lun->spec.dev, open_kind, rec.flags)) {
-            rec.err = f->spec.err != 0 ? f->spec.err : EIO;
+        if (Fault* f = MatchFaultLocked(lun->conf.dev, open_kind, rec.flags)) {
+            rec.err = f->conf.err != 0 ? f->conf.err : EIO;
         }
     }
     const int err = rec.err;
@@ -640,7 +640,7 @@ void Model::Release(std::uint64_t lun_id, int flags, int pid) {
     rec.flags = flags & O_ACCMODE;
     rec.pid = pid;
     if (const Lun* lun = FindLunLocked(lun_id)) {
-        rec.lun = lun->spec.dev;
+        rec.lun = lun->conf.dev;
     }
     opens_.push_back(std::move(rec));
     if (opens_.size() > max_records_) {
@@ -650,7 +650,7 @@ void Model::Release(std::uint64_t lun_id, int flags, int pid) {
 
 Fault* Model::MatchFaultLocked(const std::string& dev, const FaultKind& kind, int open_flags) {
     for (Fault& f : faults_) {
-        const FaultSpec& s = f.spec;
+        const FaultConf& s = f.conf;
         if (s.lun != "*" && s.lun != dev) {
             continue;
         }
@@ -702,8 +702,8 @@ SgResponse Model::Execute(const SgRequest& request) {
 
     Lun* lun = FindLunLocked(request.lun_id);
     if (lun != nullptr) {
-        rec.lun = lun->spec.dev;
-        rec.array = lun->spec.array;
+        rec.lun = lun->conf.dev;
+        rec.array = lun->conf.array;
     }
     // Transport-level refusals, as the block layer gives them.
     if (lun == nullptr) {
@@ -719,8 +719,8 @@ SgResponse Model::Execute(const SgRequest& request) {
     if (response.err == 0) {
         std::uint32_t take = request.dxfer_len;
         bool processed = true;
-        if (Fault* f = MatchFaultLocked(lun->spec.dev, KindOfCdb(request.cdb), rec.open_flags)) {
-            const FaultSpec& s = f->spec;
+        if (Fault* f = MatchFaultLocked(lun->conf.dev, KindOfCdb(request.cdb), rec.open_flags)) {
+            const FaultConf& s = f->conf;
             response.fault_id = f->id;
             response.delay_ms = s.delay_ms;
             if (s.honour_timeout && request.timeout != 0 && s.delay_ms > request.timeout) {
@@ -782,7 +782,7 @@ std::uint32_t Model::Dispatch(Lun& lun, const SgRequest& request, std::uint64_t 
     const std::uint8_t op = request.cdb[0];
     const bool data_in = op == kOpInquiry || op == kOpQuerySwitch;
     const bool known = data_in || op == kOpHeartbeat || op == kOpWriteBuffer;
-    if (!known || (op != kOpInquiry && (lun.spec.array.empty() || request.cdb.size() < 16))) {
+    if (!known || (op != kOpInquiry && (lun.conf.array.empty() || request.cdb.size() < 16))) {
         CheckCondition(response, kAscInvalidOpcode);
         return 0;
     }
@@ -799,10 +799,10 @@ std::uint32_t Model::Dispatch(Lun& lun, const SgRequest& request, std::uint64_t 
         return 0;
     }
     if (op == kOpQuerySwitch) {
-        Array* a = FindArrayLocked(lun.spec.array);
+        Array* a = FindArrayLocked(lun.conf.array);
         Bytes reply(kSwitchReplyLen, 0);
-        reply[4] = a->spec.switch_state;
-        std::copy(a->spec.collect_version.begin(), a->spec.collect_version.end(),
+        reply[4] = a->conf.switch_state;
+        std::copy(a->conf.collect_version.begin(), a->conf.collect_version.end(),
                   reply.begin() + 5);
         const std::size_t n =
             std::min<std::size_t>({Be32(request.cdb, 10), reply.size(), request.dxfer_len, take});
@@ -844,8 +844,8 @@ void Model::RecordHeartbeat(const Lun& lun, const SgRequest& request, std::uint6
     HeartbeatRecord hb;
     hb.seq = seq;
     hb.time = Now();
-    hb.lun = lun.spec.dev;
-    hb.array = lun.spec.array;
+    hb.lun = lun.conf.dev;
+    hb.array = lun.conf.array;
     hb.cdb = request.cdb;
     hb.payload = payload;
     CheckVendorCdb(request.cdb, hb.issues, "");
@@ -874,13 +874,13 @@ void Model::RecordHeartbeat(const Lun& lun, const SgRequest& request, std::uint6
 
 void Model::RecordChunk(Lun& lun, const SgRequest& request, std::uint64_t seq,
                         const Bytes& transfer) {
-    Array* a = FindArrayLocked(lun.spec.array);
+    Array* a = FindArrayLocked(lun.conf.array);
     const std::uint64_t offset = Be64(request.cdb, 2);
     UploadAttempt* cur = a->attempts.empty() ? nullptr : &a->attempts.back();
     if (cur == nullptr || (offset == 0 && cur->has_offset0)) {
         UploadAttempt fresh;
         fresh.index = a->next_attempt++;
-        fresh.array = a->spec.id;
+        fresh.array = a->conf.id;
         fresh.started = Now();
         a->attempts.push_back(std::move(fresh));
         while (a->attempts.size() > max_attempts_) {
@@ -897,13 +897,13 @@ void Model::RecordChunk(Lun& lun, const SgRequest& request, std::uint64_t seq,
         at.issues.push_back(prefix + "length field " + std::to_string(length) +
                             " differs from transfer length " + std::to_string(transfer.size()));
     }
-    if (std::find(at.luns.begin(), at.luns.end(), lun.spec.dev) == at.luns.end()) {
-        at.luns.push_back(lun.spec.dev);
+    if (std::find(at.luns.begin(), at.luns.end(), lun.conf.dev) == at.luns.end()) {
+        at.luns.push_back(lun.conf.dev);
     }
     if (offset == 0) {
         at.has_offset0 = true;
     }
-    ChunkRecord chunk{seq, lun.spec.dev, offset, 0};
+    ChunkRecord chunk{seq, lun.conf.dev, offset, 0};
     const bool duplicate = !at.offsets_seen.insert(offset).second;
     if (duplicate) {
         at.issues.push_back(prefix + "received again");
@@ -996,11 +996,11 @@ void Model::RecordChunk(Lun& lun, const SgRequest& request, std::uint64_t seq,
     at.complete = at.received == total;
 }
 
-std::uint64_t Model::AddFault(const FaultSpec& spec) {
+std::uint64_t Model::AddFault(const FaultConf& conf) {
     std::lock_guard lock(mutex_);
     Fault f;
     f.id = next_fault_id_++;
-    f.spec = spec;
+    f.conf = conf;
     faults_.push_back(f);
     return f.id;
 }
@@ -1020,7 +1020,7 @@ std::size_t Model::ClearFaults(const std::string& lun) {
     std::lock_guard lock(mutex_);
     const std::size_t before = faults_.size();
     faults_.erase(std::remove_if(faults_.begin(), faults_.end(),
-                                 [&](const Fault& f) { return lun.empty() || f.spec.lun == lun; }),
+                                 [&](const Fault& f) { return lun.empty() || f.conf.lun == lun; }),
                   faults_.end());
     return before - faults_.size();
 }

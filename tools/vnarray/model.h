@@ -66,7 +66,7 @@ inline constexpr std::size_t kLongNameLen = 256;
 inline constexpr std::size_t kArrayNameMax = 99;  // 107 + 99 ends where the selector starts
 
 // One array: LUNs that name it share its switch, version and records.
-struct ArraySpec {
+struct ArrayConf {
     std::string id;  // how LUNs and commands refer to it; defaults to sn
     std::string sn;  // page 0x80 serial number, at most 20 bytes
     std::string name;
@@ -83,7 +83,7 @@ struct PagePatch {
     Bytes bytes;
 };
 
-struct LunSpec {
+struct LunConf {
     std::string dev;    // device name, e.g. "sdb"
     std::string array;  // array id; empty for a LUN of no served array
     std::string vendor = "TRELOX";
@@ -147,7 +147,7 @@ struct FaultKind {
     bool operator==(const FaultKind&) const = default;
 };
 
-struct FaultSpec {
+struct FaultConf {
     std::string lun = "*";  // device name or "*"
     FaultKind kind;
     int err = 0;  // the ioctl (or the open) fails with this errno
@@ -165,7 +165,7 @@ struct FaultSpec {
 
 struct Fault {
     std::uint64_t id = 0;
-    FaultSpec spec;
+    FaultConf conf;
     std::uint64_t seen = 0;  // matching commands so far
     std::uint64_t hits = 0;  // of them, the ones the fault was applied to
 };
@@ -259,13 +259,13 @@ struct UploadAttempt {
 };
 
 struct ArrayState {
-    ArraySpec spec;
+    ArrayConf conf;
     std::uint64_t dropped_attempts = 0;
 };
 
 struct LunInfo {
     std::uint64_t id = 0;
-    LunSpec spec;
+    LunConf conf;
 };
 
 class Model {
@@ -276,8 +276,8 @@ class Model {
     Model& operator=(const Model&) = delete;
 
     // Configuration. Errors come back as text; the model is left unchanged.
-    bool AddArray(ArraySpec spec, std::string* error);
-    bool AddLun(LunSpec spec, std::string* error);
+    bool AddArray(ArrayConf conf, std::string* error);
+    bool AddLun(LunConf conf, std::string* error);
     bool RemoveLun(const std::string& dev, std::string* error);
     bool SetSwitch(const std::string& array, std::uint8_t state,
                    const std::optional<Version>& version, std::string* error);
@@ -299,7 +299,7 @@ class Model {
     SgResponse Execute(const SgRequest& request);
 
     // Faults.
-    std::uint64_t AddFault(const FaultSpec& spec);
+    std::uint64_t AddFault(const FaultConf& conf);
     bool ClearFault(std::uint64_t id);
     std::size_t ClearFaults(const std::string& lun);  // "" clears all of them
     std::vector<Fault> Faults() const;

@@ -278,7 +278,7 @@ bool Server::Setup(std::string* error) {
         return false;
     }
     for (const LunInfo& l : model_.Luns()) {
-        if (!installer_.Install(l.spec.dev, error)) {
+        if (!installer_.Install(l.conf.dev, error)) {
             return false;
         }
     }
@@ -374,7 +374,7 @@ std::string Server::ResolveArray(const Json& request, std::string* error) const 
     }
     const auto arrays = model_.Arrays();
     if (arrays.size() == 1) {
-        return arrays.front().spec.id;
+        return arrays.front().conf.id;
     }
     *error = "name the array";
     return {};
@@ -443,20 +443,20 @@ Json Server::Handle(const Json& request, bool* quit) {
         return Ok();
     }
     if (cmd == "add-array") {
-        ArraySpec spec;
-        if (!ParseArraySpec(Nested(request, "array"), &spec, &error) ||
-            !model_.AddArray(std::move(spec), &error)) {
+        ArrayConf conf;
+        if (!ParseArrayConf(Nested(request, "array"), &conf, &error) ||
+            !model_.AddArray(std::move(conf), &error)) {
             return Error(error);
         }
         return Ok();
     }
     if (cmd == "add-lun") {
-        LunSpec spec;
-        if (!ParseLunSpec(Nested(request, "lun"), &spec, &error)) {
+        LunConf conf;
+        if (!ParseLunConf(Nested(request, "lun"), &conf, &error)) {
             return Error(error);
         }
-        const std::string dev = spec.dev;
-        if (!model_.AddLun(std::move(spec), &error)) {
+        const std::string dev = conf.dev;
+        if (!model_.AddLun(std::move(conf), &error)) {
             return Error(error);
         }
         if (!installer_.Install(dev, &error)) {
@@ -476,14 +476,14 @@ Json Server::Handle(const Json& request, bool* quit) {
         return uninstalled ? Ok() : Error(error);
     }
     if (cmd == "inject") {
-        FaultSpec spec;
-        if (!ParseFaultSpec(request, &spec, &error)) {
+        FaultConf conf;
+        if (!ParseFaultConf(request, &conf, &error)) {
             return Error(error);
         }
-        if (spec.lun != "*" && !model_.FindLun(spec.lun)) {
-            return Error("unknown LUN '" + spec.lun + "'");
+        if (conf.lun != "*" && !model_.FindLun(conf.lun)) {
+            return Error("unknown LUN '" + conf.lun + "'");
         }
-        return Ok({{"id", model_.AddFault(spec)}});
+        return Ok({{"id", model_.AddFault(conf)}});
     }
     if (cmd == "clear") {
         auto id = ReadInt(request, "id", 1, INT64_MAX, &error);

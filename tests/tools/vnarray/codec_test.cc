@@ -35,11 +35,11 @@ TEST(CodecTest, ConfigurationBuildsArraysAndLuns) {
     ASSERT_TRUE(LoadConfig(config, &m, &error)) << error;
     const auto arrays = m.Arrays();
     ASSERT_EQ(arrays.size(), 2U);
-    const ArraySpec& a = arrays[0].spec;
+    const ArrayConf& a = arrays[0].conf;
     EXPECT_EQ(std::tie(a.id, a.major, a.minor, a.switch_state, a.collect_version),
               std::make_tuple("ARRAY0001", 2, 10, 1, Version{0x0A, 0x0B, 0x0C, 0x0D}));
     // Defaults: version 3.0, switch off.
-    const ArraySpec& b = arrays[1].spec;
+    const ArrayConf& b = arrays[1].conf;
     EXPECT_EQ(std::tie(b.id, b.major, b.minor, b.switch_state), std::make_tuple("two", 3, 0, 0));
 
     EXPECT_EQ(*m.Page("sdb", kStandardPage), Hex("00 00 06"));
@@ -51,8 +51,8 @@ TEST(CodecTest, ConfigurationBuildsArraysAndLuns) {
     EXPECT_EQ(Slice(c8, 106, 3), Hex("02 41 42"));
     EXPECT_EQ(Slice(*m.Page("sdb", 0x80), 4, 4), Hex("41 3b 42 00"));
     ASSERT_TRUE(m.FindLun("sdd"));
-    EXPECT_EQ(m.FindLun("sdd")->spec.array, "");
-    EXPECT_EQ(m.FindLun("sdb")->spec.vendor, "PELKO");
+    EXPECT_EQ(m.FindLun("sdd")->conf.array, "");
+    EXPECT_EQ(m.FindLun("sdb")->conf.vendor, "PELKO");
 }
 
 TEST(CodecTest, BadConfigurationsNameTheirFault) {
@@ -87,9 +87,9 @@ TEST(CodecTest, BadConfigurationsNameTheirFault) {
 }
 
 TEST(CodecTest, FaultRequestsAcceptNumbersAsStrings) {
-    FaultSpec f;
+    FaultConf f;
     std::string error;
-    ASSERT_TRUE(ParseFaultSpec(
+    ASSERT_TRUE(ParseFaultConf(
         Json::parse(R"({"cmd": "inject", "lun": "sdb", "kind": "page80", "status": "0x02",
                                                "sense": "70 00 03", "after": "1", "count": 2, "delay_ms": "5",
                                                "honour_timeout": "true"})"),
@@ -100,12 +100,12 @@ TEST(CodecTest, FaultRequestsAcceptNumbersAsStrings) {
     EXPECT_EQ(f.status, 2);
     EXPECT_EQ(f.sense, Hex("70 00 03"));
 
-    ASSERT_TRUE(ParseFaultSpec(Json::parse(R"({"errno": "ENODEV"})"), &f, &error));
+    ASSERT_TRUE(ParseFaultConf(Json::parse(R"({"errno": "ENODEV"})"), &f, &error));
     EXPECT_EQ(std::tie(f.err, f.lun), std::make_tuple(ENODEV, "*"));
-    ASSERT_TRUE(ParseFaultSpec(Json::parse(R"({"errno": 5})"), &f, &error));
+    ASSERT_TRUE(ParseFaultConf(Json::parse(R"({"errno": 5})"), &f, &error));
     EXPECT_EQ(f.err, EIO);
     // An open fault fails with EIO unless told otherwise.
-    ASSERT_TRUE(ParseFaultSpec(Json::parse(R"({"kind": "open", "open_mode": "rw"})"), &f, &error));
+    ASSERT_TRUE(ParseFaultConf(Json::parse(R"({"kind": "open", "open_mode": "rw"})"), &f, &error));
     EXPECT_EQ(std::tie(f.err, f.open_mode), std::make_tuple(EIO, O_RDWR));
 
     const std::pair<const char*, const char*> bad[] = {
@@ -117,7 +117,7 @@ TEST(CodecTest, FaultRequestsAcceptNumbersAsStrings) {
         {R"({"status": 2, "open_mode": "rx"})", "'open_mode' must be ro, rw, wo or any"},
     };
     for (const auto& [json, want] : bad) {
-        EXPECT_FALSE(ParseFaultSpec(Json::parse(json), &f, &error)) << json;
+        EXPECT_FALSE(ParseFaultConf(Json::parse(json), &f, &error)) << json;
         EXPECT_EQ(error, want) << json;
     }
 }

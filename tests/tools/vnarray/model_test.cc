@@ -32,8 +32,8 @@ Bytes Text(const std::string& s, std::size_t width = 0) {
     return b;
 }
 
-LunSpec Lun(const std::string& dev, const std::string& array) {
-    LunSpec l;
+LunConf Lun(const std::string& dev, const std::string& array) {
+    LunConf l;
     l.dev = dev;
     l.array = array;
     return l;
@@ -98,10 +98,10 @@ class ModelTest : public ::testing::Test {
     }
 
     // A fault from its JSON request form.
-    FaultSpec Spec(const std::string& json) {
-        FaultSpec spec;
-        EXPECT_TRUE(ParseFaultSpec(Json::parse(json), &spec, &error_)) << error_;
-        return spec;
+    FaultConf Conf(const std::string& json) {
+        FaultConf conf;
+        EXPECT_TRUE(ParseFaultConf(Json::parse(json), &conf, &error_)) << error_;
+        return conf;
     }
 
     Model model_;
@@ -135,7 +135,7 @@ TEST_F(ModelTest, PagesCarryTheIdentityAtTheOffsetsTheHostReads) {
 }
 
 TEST_F(ModelTest, OverridesAndPatchesReplaceTheBuiltBytes) {
-    LunSpec l = Lun("sde", "ARRAY0001");
+    LunConf l = Lun("sde", "ARRAY0001");
     l.long_name = "a-long-name";
     l.serial = Text("AB;CD\n");
     l.array_name = Hex("41 42 00 43 44");
@@ -355,7 +355,7 @@ TEST_F(ModelTest, ChunkInconsistenciesAreFlaggedNotHidden) {
 
 TEST_F(ModelTest, OldAttemptsAreDroppedBeyondTheLimit) {
     Model small(100, 2);
-    ASSERT_TRUE(small.AddArray(ArraySpec{"A", "A", "", 3, 0, 0, {}}, &error_));
+    ASSERT_TRUE(small.AddArray(ArrayConf{"A", "A", "", 3, 0, 0, {}}, &error_));
     ASSERT_TRUE(small.AddLun(Lun("sdb", "A"), &error_));
     const Bytes chunk = Chunk(1, Bytes{0x5A});
     const auto n = static_cast<std::uint32_t>(chunk.size());
@@ -397,7 +397,7 @@ TEST(FaultKindTest, KindsCoverTheirCommands) {
 }
 
 // Each fault on sdb's standard INQUIRY unless it names another LUN or kind.
-TEST_F(ModelTest, FaultsChangeTheOutcomeAsSpecified) {
+TEST_F(ModelTest, FaultsChangeTheOutcomeAsConfigured) {
     struct Case {
         const char* what;
         const char* fault;  // JSON
@@ -432,7 +432,7 @@ TEST_F(ModelTest, FaultsChangeTheOutcomeAsSpecified) {
         Json fault = Json::parse(c.fault);
         fault.emplace("lun", "sdb");
         fault.emplace("kind", "std");
-        const std::uint64_t id = model_.AddFault(Spec(fault.dump()));
+        const std::uint64_t id = model_.AddFault(Conf(fault.dump()));
         const SgResponse r = Inquiry("sdb", false, 0, 36, 36);
         EXPECT_EQ(std::tie(r.err, r.status, r.host_status, r.driver_status, r.delay_ms),
                   std::make_tuple(c.err, c.status, c.host, c.driver, c.delay_ms));
@@ -448,7 +448,7 @@ TEST_F(ModelTest, FaultsChangeTheOutcomeAsSpecified) {
 
 TEST_F(ModelTest, AfterAndCountPickWhichMatchingCommandsFail) {
     const std::uint64_t id =
-        model_.AddFault(Spec(R"({"kind": "c7", "errno": "EIO", "after": 2, "count": 2})"));
+        model_.AddFault(Conf(R"({"kind": "c7", "errno": "EIO", "after": 2, "count": 2})"));
     std::vector<int> errs;
     for (int i = 0; i < 6; ++i) {
         // Commands of other kinds do not count.
@@ -464,7 +464,7 @@ TEST_F(ModelTest, AfterAndCountPickWhichMatchingCommandsFail) {
 }
 
 TEST_F(ModelTest, ShortDataOutKeepsOnlyTheBytesTaken) {
-    model_.AddFault(Spec(R"({"kind": "c9", "short": 8})"));
+    model_.AddFault(Conf(R"({"kind": "c9", "short": 8})"));
     const Bytes payload = HeartbeatPayload("01 02 03 04");
     const SgResponse r = Vendor("sdb", VendorCdb(kOpHeartbeat, 0, 28), kDxferToDev, 28, payload);
     EXPECT_EQ(r.resid, 20U);
@@ -476,7 +476,7 @@ TEST_F(ModelTest, ShortDataOutKeepsOnlyTheBytesTaken) {
 
 TEST_F(ModelTest, OpenFaultsMatchTheAccessMode) {
     model_.AddFault(
-        Spec(R"({"lun": "sdc", "kind": "open", "errno": "ENXIO", "open_mode": "rw", "count": 1})"));
+        Conf(R"({"lun": "sdc", "kind": "open", "errno": "ENXIO", "open_mode": "rw", "count": 1})"));
     EXPECT_EQ(model_.Open(Id("sdc"), O_RDONLY, 7), 0);
     EXPECT_EQ(model_.Open(Id("sdb"), O_RDWR, 7), 0);
     // Only the access mode counts; the kernel adds flags such as its O_LARGEFILE
@@ -530,16 +530,16 @@ TEST_F(ModelTest, CommandRecordsKeepTheRequestAndTheOutcome) {
     EXPECT_EQ(small.DroppedCommands(), 0U);
 }
 
-TEST(ModelConfigTest, BadSpecsAreRefusedWithAReason) {
+TEST(ModelConfigTest, BadConfigsAreRefusedWithAReason) {
     Model m;
     std::string error;
-    EXPECT_FALSE(m.AddArray(ArraySpec{"", "", "x", 3, 0, 0, {}}, &error));
-    EXPECT_FALSE(m.AddArray(ArraySpec{"", "123456789012345678901", "x", 3, 0, 0, {}}, &error));
+    EXPECT_FALSE(m.AddArray(ArrayConf{"", "", "x", 3, 0, 0, {}}, &error));
+    EXPECT_FALSE(m.AddArray(ArrayConf{"", "123456789012345678901", "x", 3, 0, 0, {}}, &error));
     EXPECT_EQ(error, "array sn '123456789012345678901' is longer than 20 bytes");
-    EXPECT_FALSE(m.AddArray(ArraySpec{"", "A1", std::string(100, 'n'), 3, 0, 0, {}}, &error));
-    ASSERT_TRUE(m.AddArray(ArraySpec{"", "A1", std::string(99, 'n'), 3, 0, 0, {}}, &error));
-    EXPECT_FALSE(m.AddArray(ArraySpec{"", "A1", "", 3, 0, 0, {}}, &error));
-    LunSpec l = Lun("sdb", "A2");
+    EXPECT_FALSE(m.AddArray(ArrayConf{"", "A1", std::string(100, 'n'), 3, 0, 0, {}}, &error));
+    ASSERT_TRUE(m.AddArray(ArrayConf{"", "A1", std::string(99, 'n'), 3, 0, 0, {}}, &error));
+    EXPECT_FALSE(m.AddArray(ArrayConf{"", "A1", "", 3, 0, 0, {}}, &error));
+    LunConf l = Lun("sdb", "A2");
     EXPECT_FALSE(m.AddLun(l, &error));
     EXPECT_EQ(error, "LUN sdb: unknown array 'A2'");
     l.array = "A1";
