@@ -46,7 +46,7 @@ int HIC_DoInquiry(int fd, unsigned char evpd, unsigned char page, unsigned char*
         HIC_LogIoctlFailure(errno);
         return -1;
     }
-    if (st.status == 0 && st.hostStatus == 0 && st.driverStatus == 0) {
+    if (st.Clean()) {
         return 0;
     }
     HIC_LOG(HIC_LOG_ERROR, "inqury page 0x%x failed.status:%d, host_status:%d, driver_status:%d.\n",

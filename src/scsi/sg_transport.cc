@@ -82,7 +82,7 @@ int HIC_IoctlSendCmd(int fd, unsigned char* cdb, unsigned char* data, unsigned i
         HIC_LogIoctlFailure(errno);
         return -1;
     }
-    if (st.status == 0 && st.hostStatus == 0 && st.driverStatus == 0) {
+    if (st.Clean()) {
         return 0;
     }
     HIC_LOG(HIC_LOG_DEBUG, "send ioctl failed. status:%d, host_status:%d, driver_status:%d.\n",

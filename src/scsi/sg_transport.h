@@ -26,6 +26,8 @@ struct HIC_SgStatus {
     unsigned char status;
     unsigned short hostStatus;
     unsigned short driverStatus;
+
+    bool Clean() const { return status == 0 && hostStatus == 0 && driverStatus == 0; }
 };
 
 // Submits one command of cdbLen bytes through SG_IO with a 96-byte sense
