@@ -207,7 +207,7 @@ void CheckFormatted(const FormatCase& c, const Target& t, const char* reference,
         return;
     }
     const bool cutAllowed = t.counted && t.count < t.destMax;
-    if (t.counted && t.count >= HIC_SECUREC_MAX && t.count != UINT32_MAX) {
+    if (t.counted && t.count >= HIC_BOUNDED_MAX && t.count != UINT32_MAX) {
         Check(got == -1 && dest[0] == '\0', "count refused");
         return;
     }

@@ -14,13 +14,13 @@
 // number means the destination was reset before returning.
 constexpr int HIC_EOK = 0;
 constexpr int HIC_EINVAL = 22;                    // destination pointer null
-constexpr int HIC_ERANGE = 34;                    // destMax 0 or above HIC_SECUREC_MAX
+constexpr int HIC_ERANGE = 34;                    // destMax 0 or above HIC_BOUNDED_MAX
 constexpr int HIC_EINVAL_AND_RESET = 22 + 128;    // 150: source null / dest unterminated
 constexpr int HIC_ERANGE_AND_RESET = 34 + 128;    // 162: data does not fit
 constexpr int HIC_EOVERLAP_AND_RESET = 54 + 128;  // 182: source and destination overlap
 
 // Largest valid destMax and count.
-constexpr uint32_t HIC_SECUREC_MAX = 0x7FFFFFFFU;
+constexpr uint32_t HIC_BOUNDED_MAX = 0x7FFFFFFFU;
 
 // The error paths of the memory functions below: they test the conditions
 // one by one, reset the destination and return the code. Called only from
@@ -30,9 +30,9 @@ int MemcpyError(void* dest, uint32_t destMax, const void* src, uint32_t count);
 int MemmoveError(void* dest, uint32_t destMax, const void* src, uint32_t count);
 int MemsetError(void* dest, uint32_t destMax, int c, uint32_t count);
 
-// destMax (or a count) of 1 to HIC_SECUREC_MAX, in one unsigned compare.
+// destMax (or a count) of 1 to HIC_BOUNDED_MAX, in one unsigned compare.
 inline bool SizeValid(uint32_t size) {
-    return size - 1U < HIC_SECUREC_MAX;
+    return size - 1U < HIC_BOUNDED_MAX;
 }
 }  // namespace hic::bounded_detail
 

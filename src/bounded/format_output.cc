@@ -63,7 +63,7 @@ int vsnprintf_s(char* dest, uint32_t destMax, uint32_t count, const char* format
         return -1;
     }
     // 0xFFFFFFFF stays valid: it asks for "as much as fits".
-    if (count >= HIC_SECUREC_MAX && count != UINT32_MAX) {
+    if (count >= HIC_BOUNDED_MAX && count != UINT32_MAX) {
         dest[0] = '\0';
         return -1;
     }

@@ -11,7 +11,7 @@
 
 namespace hic::bounded_internal {
 
-// destMax must be 1 to HIC_SECUREC_MAX.
+// destMax must be 1 to HIC_BOUNDED_MAX.
 inline bool DestMaxValid(uint32_t destMax) {
     return bounded_detail::SizeValid(destMax);
 }
@@ -35,13 +35,13 @@ constexpr int kEngineNoRoom = -2;  // output did not fit into the buffer
 // Returns the number of characters produced, or kEngineNoRoom after filling
 // the buffer, or kEngineError (dest then holds what was produced so far).
 // *left receives the number of unused bytes. size must be 1 to
-// HIC_SECUREC_MAX.
+// HIC_BOUNDED_MAX.
 int FormatEngine(char* dest, uint32_t size, uint32_t* left, const char* format, va_list args);
 
 // Bounded writer result when the text and its NUL did not fit.
 constexpr int kWriterTruncated = -2;
 
-// Runs the engine over a buffer of size bytes (1 to HIC_SECUREC_MAX) and
+// Runs the engine over a buffer of size bytes (1 to HIC_BOUNDED_MAX) and
 // terminates the result. Returns the character count; or kWriterTruncated
 // with a NUL in the buffer's last byte; or -1 with an empty buffer when the
 // engine failed while room was left.

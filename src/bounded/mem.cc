@@ -52,7 +52,7 @@ int MemmoveError(void* dest, uint32_t destMax, const void* src, uint32_t count) 
 }
 
 int MemsetError(void* dest, uint32_t destMax, int c, uint32_t count) {
-    if (destMax > HIC_SECUREC_MAX || (destMax == 0 && count != 0)) {
+    if (destMax > HIC_BOUNDED_MAX || (destMax == 0 && count != 0)) {
         return HIC_ERANGE;
     }
     if (dest == nullptr) {

@@ -159,7 +159,7 @@ int StrncpyError(char* dest, uint32_t destMax, const char* src, uint32_t count) 
     if (count == 0) {
         return HIC_EOK;
     }
-    if (count > HIC_SECUREC_MAX) {
+    if (count > HIC_BOUNDED_MAX) {
         return HIC_ERANGE_AND_RESET;
     }
     if (destMax <= count && TextLength(src, destMax) == destMax) {
