@@ -196,6 +196,15 @@ std::vector<OpenRecord> Client::Opens(const std::string& lun) {
     return out;
 }
 
+std::vector<WriteRecord> Client::Writes(const std::string& lun) {
+    std::vector<WriteRecord> out;
+    const Json answer = Call(Filtered("writes", "lun", lun));
+    for (const Json& r : answer.at("writes")) {
+        out.push_back(WriteFromJson(r));
+    }
+    return out;
+}
+
 std::vector<HeartbeatRecord> Client::Heartbeats(const std::string& array) {
     std::vector<HeartbeatRecord> out;
     const Json answer = Call(Filtered("heartbeats", "array", array));

@@ -59,6 +59,7 @@ class Client {
     // Filters as in server.h, e.g. {{"lun", "sdb"}, {"kind", "c9"}}.
     std::vector<CommandRecord> Commands(const Json& filter = Json::object());
     std::vector<OpenRecord> Opens(const std::string& lun = "");
+    std::vector<WriteRecord> Writes(const std::string& lun = "");
     std::vector<HeartbeatRecord> Heartbeats(const std::string& array = "");
     std::vector<UploadAttempt> Uploads(const std::string& array = "");
     // The bytes of an upload attempt (default: the array's last).

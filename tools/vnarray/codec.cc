@@ -531,6 +531,17 @@ Json ToJson(const OpenRecord& r) {
     return j;
 }
 
+Json ToJson(const WriteRecord& r) {
+    Json j = ClockJson(r.time);
+    j["seq"] = r.seq;
+    j["lun"] = r.lun;
+    j["pid"] = r.pid;
+    j["offset"] = r.offset;
+    j["length"] = r.length;
+    j["head"] = ToHex(r.head);
+    return j;
+}
+
 Json ToJson(const HeartbeatRecord& r) {
     Json j = ClockJson(r.time);
     j["seq"] = r.seq;
@@ -607,6 +618,18 @@ OpenRecord OpenFromJson(const Json& j) {
     r.flags = ModeFromName(j.value("mode", "rw"));
     r.pid = j.value("pid", 0);
     r.err = j.value("errno", 0);
+    return r;
+}
+
+WriteRecord WriteFromJson(const Json& j) {
+    WriteRecord r;
+    r.time = ClockFrom(j);
+    r.seq = j.value("seq", std::uint64_t{0});
+    r.lun = j.value("lun", "");
+    r.pid = j.value("pid", 0);
+    r.offset = j.value("offset", std::uint64_t{0});
+    r.length = j.value("length", std::size_t{0});
+    r.head = HexField(j, "head");
     return r;
 }
 

@@ -68,11 +68,13 @@ Json ToJson(const LunInfo& l);
 Json ToJson(const Fault& f);
 Json ToJson(const CommandRecord& r, bool with_data = true);
 Json ToJson(const OpenRecord& r);
+Json ToJson(const WriteRecord& r);
 Json ToJson(const HeartbeatRecord& r);
 Json ToJson(const UploadAttempt& u);  // without the archive bytes
 
 CommandRecord CommandFromJson(const Json& j);
 OpenRecord OpenFromJson(const Json& j);
+WriteRecord WriteFromJson(const Json& j);
 HeartbeatRecord HeartbeatFromJson(const Json& j);
 UploadAttempt UploadFromJson(const Json& j);
 

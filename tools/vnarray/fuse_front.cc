@@ -186,9 +186,14 @@ void OnRead(fuse_req_t req, fuse_ino_t /*ino*/, size_t /*size*/, off_t /*off*/,
     fuse_reply_buf(req, nullptr, 0);
 }
 
-void OnWrite(fuse_req_t req, fuse_ino_t /*ino*/, const char* /*buf*/, size_t /*size*/,
-             off_t /*off*/, fuse_file_info* /*fi*/) {
-    fuse_reply_err(req, EIO);
+// A disk takes a plain write; the model records it so that tests can tell
+// that none ever reached one.
+void OnWrite(fuse_req_t req, fuse_ino_t /*ino*/, const char* buf, size_t size, off_t off,
+             fuse_file_info* fi) {
+    Front(req)->model().Write(FhLun(fi->fh), fuse_req_ctx(req)->pid,
+                              static_cast<std::uint64_t>(off),
+                              reinterpret_cast<const std::uint8_t*>(buf), size);
+    fuse_reply_write(req, size);
 }
 
 void ServeSgIo(fuse_req_t req, void* arg, fuse_file_info* fi) {

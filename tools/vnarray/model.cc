@@ -648,6 +648,25 @@ void Model::Release(std::uint64_t lun_id, int flags, int pid) {
     }
 }
 
+void Model::Write(std::uint64_t lun_id, int pid, std::uint64_t offset, const std::uint8_t* data,
+                  std::size_t len) {
+    std::lock_guard lock(mutex_);
+    WriteRecord rec;
+    rec.seq = next_seq_++;
+    rec.time = Now();
+    rec.pid = pid;
+    rec.offset = offset;
+    rec.length = len;
+    rec.head.assign(data, data + std::min(len, kWriteHeadLimit));
+    if (const Lun* lun = FindLunLocked(lun_id)) {
+        rec.lun = lun->conf.dev;
+    }
+    writes_.push_back(std::move(rec));
+    if (writes_.size() > max_records_) {
+        writes_.pop_front();
+    }
+}
+
 Fault* Model::MatchFaultLocked(const std::string& dev, const FaultKind& kind, int open_flags) {
     for (Fault& f : faults_) {
         const FaultConf& s = f.conf;
@@ -1040,6 +1059,11 @@ std::vector<OpenRecord> Model::Opens() const {
     return {opens_.begin(), opens_.end()};
 }
 
+std::vector<WriteRecord> Model::Writes() const {
+    std::lock_guard lock(mutex_);
+    return {writes_.begin(), writes_.end()};
+}
+
 std::vector<HeartbeatRecord> Model::Heartbeats() const {
     std::lock_guard lock(mutex_);
     return heartbeats_;
@@ -1077,6 +1101,7 @@ void Model::ResetRecords() {
     std::lock_guard lock(mutex_);
     commands_.clear();
     opens_.clear();
+    writes_.clear();
     heartbeats_.clear();
     dropped_commands_ = 0;
     for (auto& [id, a] : arrays_) {

@@ -217,6 +217,19 @@ struct OpenRecord {
     int err = 0;  // the open failed with this errno
 };
 
+// A plain write(2) on a LUN file: on a real disk it would have overwritten
+// these bytes. No caller of ours ever should.
+struct WriteRecord {
+    std::uint64_t seq = 0;
+    Clock time;
+    std::string lun;
+    int pid = 0;
+    std::uint64_t offset = 0;
+    std::size_t length = 0;
+    Bytes head;  // the first kWriteHeadLimit bytes
+};
+inline constexpr std::size_t kWriteHeadLimit = 64;
+
 struct HeartbeatRecord {
     std::uint64_t seq = 0;
     Clock time;
@@ -296,6 +309,8 @@ class Model {
     // The handle side. Open returns 0 or the errno the open fails with.
     int Open(std::uint64_t lun_id, int flags, int pid);
     void Release(std::uint64_t lun_id, int flags, int pid);
+    void Write(std::uint64_t lun_id, int pid, std::uint64_t offset, const std::uint8_t* data,
+               std::size_t len);
     SgResponse Execute(const SgRequest& request);
 
     // Faults.
@@ -307,6 +322,7 @@ class Model {
     // Records.
     std::vector<CommandRecord> Commands() const;
     std::vector<OpenRecord> Opens() const;
+    std::vector<WriteRecord> Writes() const;
     std::vector<HeartbeatRecord> Heartbeats() const;
     std::vector<UploadAttempt> Uploads() const;  // every array, array by array
     std::optional<UploadAttempt> Upload(const std::string& array, std::uint64_t index) const;
@@ -343,6 +359,7 @@ class Model {
     std::vector<Fault> faults_;
     std::deque<CommandRecord> commands_;
     std::deque<OpenRecord> opens_;
+    std::deque<WriteRecord> writes_;
     std::vector<HeartbeatRecord> heartbeats_;
 };
 

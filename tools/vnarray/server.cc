@@ -538,6 +538,16 @@ Json Server::Handle(const Json& request, bool* quit) {
         }
         return Ok({{"opens", list}});
     }
+    if (cmd == "writes") {
+        const std::string lun = StringField(request, "lun");
+        Json list = Json::array();
+        for (const WriteRecord& r : model_.Writes()) {
+            if (lun.empty() || r.lun == lun) {
+                list.push_back(ToJson(r));
+            }
+        }
+        return Ok({{"writes", list}});
+    }
     if (cmd == "heartbeats") {
         const std::string array = StringField(request, "array");
         const std::string lun = StringField(request, "lun");

@@ -18,6 +18,7 @@
 //   faults                                -> {"faults"}
 //   commands       [lun] [kind] [since] [data=false] -> {"commands", "dropped"}
 //   opens          [lun]                  -> {"opens"}
+//   writes         [lun]                  -> {"writes"}: plain write(2) calls on a LUN
 //   heartbeats     [array] [lun]          -> {"heartbeats"}
 //   uploads        [array]                -> {"uploads"} (without the bytes)
 //   upload-data    array, [index]         -> {"data": hex} (default: the last attempt)

@@ -122,7 +122,15 @@ TEST_F(RouteTest, LunsAreInstalledAndOpenReadOnlyAndReadWrite) {
         hic::UniqueFd rw = Open("/dev/sdb", O_RDWR);
         EXPECT_EQ(Inquiry(ro.Get(), false, 0, 36).rc, 0);
         EXPECT_EQ(Inquiry(rw.Get(), false, 0, 36).rc, 0);
+        // A plain write lands as on a disk and is recorded before it returns.
+        EXPECT_EQ(::pwrite(rw.Get(), "cp: x\n", 6, 512), 6);
     }
+    const auto writes = client().Writes("sdb");
+    ASSERT_EQ(writes.size(), 1U);
+    EXPECT_EQ(std::tie(writes[0].offset, writes[0].length, writes[0].pid),
+              std::make_tuple(std::uint64_t{512}, std::size_t{6}, ::getpid()));
+    EXPECT_EQ(writes[0].head, Bytes({'c', 'p', ':', ' ', 'x', '\n'}));
+    EXPECT_TRUE(client().Writes("sdc").empty());
     // FUSE sends the release after close(2) has returned.
     std::vector<OpenRecord> opens;
     for (int i = 0; i < 400 && (opens = client().Opens("sdb")).size() < 4; ++i) {
