@@ -16,7 +16,7 @@ int HIC_StartCollectTaskForArray(HIC_ArrayInfo* array) {
     if (array == nullptr) {
         return -1;
     }
-    unsigned char hostIp[HIC_HOST_IP_LEN];
+    unsigned char hostIp[HIC_IP_ADDR_LEN];
     unsigned char ipType = 0;
     (void)memset_s(hostIp, sizeof(hostIp), 0, sizeof(hostIp));
     if (HIC_GetSendIPAndType(hostIp, sizeof(hostIp), &ipType) != 0) {

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/coding.h"
 #include "base/handles.h"
 #include "bounded/bounded.h"
 #include "collect/workspace.h"
@@ -39,17 +40,13 @@ int SendChunk(int fd, FILE* file, unsigned char* buf, const HIC_ArrayInfo* array
 
 void HIC_BuildResultBufHeader(unsigned char* buf, uint32_t len, const HIC_ArrayInfo* array,
                               long size) {
-    const auto s = static_cast<uint32_t>(size);
     buf[0] = 0x00;
     buf[1] = 0x81;
-    buf[kSizeOffset + 0] = static_cast<unsigned char>(s >> 24);
-    buf[kSizeOffset + 1] = static_cast<unsigned char>(s >> 16);
-    buf[kSizeOffset + 2] = static_cast<unsigned char>(s >> 8);
-    buf[kSizeOffset + 3] = static_cast<unsigned char>(s);
+    hic::EncodeBigEndian32(buf + kSizeOffset, static_cast<uint32_t>(size));
     buf[6] = 0x10;
     buf[7] = 0x00;
     (void)memcpy_s(buf + kVersionOffset, HIC_VERSION_LEN, array->versions, HIC_VERSION_LEN);
-    (void)memcpy_s(buf + kHostIpOffset, len - kHostIpOffset, array->hostIp, HIC_HOST_IP_LEN);
+    (void)memcpy_s(buf + kHostIpOffset, len - kHostIpOffset, array->hostIp, HIC_IP_ADDR_LEN);
     buf[kIpTypeOffset] = array->ipType;
 }
 

@@ -77,7 +77,7 @@ int HIC_IsValidToExecuteCollectTask(unsigned char switchStatus, const HIC_ArrayI
         return -1;
     }
     HIC_LOG(HIC_LOG_INFO, "Get the array{sn:%s} switchStatus %d.\n", array->arraySn, switchStatus);
-    for (int i = 0; i < HIC_VERSION_LEN; ++i) {
+    for (uint32_t i = 0; i < HIC_VERSION_LEN; ++i) {
         if (array->versions[i] != version[i]) {
             return 0;
         }

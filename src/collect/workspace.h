@@ -12,7 +12,6 @@ constexpr const char* HIC_SCRIPT_DIR = "/Vornal/install/otherTools/";
 constexpr const char* HIC_WORKSPACE_ROOT = "/opt/Vornal/";
 constexpr const char* HIC_COLLECT_SCRIPT_ARG = "-scene upgrade";
 constexpr unsigned int HIC_WORKSPACE_MODE = 0600;
-constexpr uint32_t HIC_PATH_LEN = 256;
 constexpr uint32_t HIC_CHILD_PATH_LEN = 4096;
 
 // 0 when every character before the NUL or the bound is an ASCII letter or

@@ -27,7 +27,7 @@ void HIC_BuildHeartBeatPayload(unsigned char* payload, const HIC_ArrayInfo* arra
     payload[2] = 0x00;
     payload[3] = HIC_HEARTBEAT_LEN;
     (void)memcpy_s(payload + kVersionOffset, HIC_VERSION_LEN, array->versions, HIC_VERSION_LEN);
-    (void)memcpy_s(payload + kHostIpOffset, kHostIpRoom, array->hostIp, HIC_HOST_IP_LEN);
+    (void)memcpy_s(payload + kHostIpOffset, kHostIpRoom, array->hostIp, HIC_IP_ADDR_LEN);
     payload[kIpTypeOffset] = array->ipType;
 }
 

@@ -6,7 +6,7 @@
 
 #include "inventory/lists.h"
 
-constexpr unsigned int HIC_HEARTBEAT_LEN = 28;
+constexpr uint32_t HIC_HEARTBEAT_LEN = 28;
 constexpr unsigned int HIC_HEARTBEAT_PERIOD = 10;
 
 // Starts the detached heartbeat thread of the array. heartBeatRunning is

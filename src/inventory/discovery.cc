@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr uint32_t kPathLen = 256;
-
 // Writes "--" into a field whose value could not be read.
 void SetNoValue(char* field, uint32_t size) {
     (void)strcpy_s(field, size, HIC_NO_VALUE);
@@ -24,7 +22,7 @@ void SetNoValue(char* field, uint32_t size) {
 
 int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendorSize,
                         char* devPath, uint32_t devPathSize) {
-    char sysPath[kPathLen];
+    char sysPath[HIC_PATH_LEN];
     (void)memset_s(sysPath, sizeof(sysPath), 0, sizeof(sysPath));
     (void)strcpy_s(sysPath, sizeof(sysPath), HIC_SYS_BLOCK_DIR);
     (void)strcat_s(sysPath, sizeof(sysPath), "/");
@@ -96,7 +94,7 @@ int HIC_GetLunList() {
         return -1;
     }
     char vendor[HIC_VENDOR_BUF_LEN];
-    char devPath[kPathLen];
+    char devPath[HIC_PATH_LEN];
     // The main thread is the only caller, so readdir's shared buffer is safe.
     while (const struct dirent* entry = ::readdir(dir.Get())) {  // NOLINT(concurrency-mt-unsafe)
         if (std::strcmp(entry->d_name, ".") == 0 || std::strcmp(entry->d_name, "..") == 0) {

@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "settings/host_address.h"
+
 // Link pair; every record begins with one, so a link pointer and a pointer
 // to its record are the same address.
 struct HIC_ListHead {
@@ -18,18 +20,18 @@ struct HIC_ListHead {
 // Stands in an identity field that could not be read from the device.
 constexpr const char* HIC_NO_VALUE = "--";
 
-constexpr int HIC_DEV_PATH_LEN = 256;
-constexpr int HIC_LUN_NAME_LEN = 257;
-constexpr int HIC_LUN_WWN_LEN = 257;
-constexpr int HIC_VENDOR_ID_LEN = 17;
-constexpr int HIC_ARRAY_NAME_LEN = 81;
-constexpr int HIC_ARRAY_SN_LEN = 21;
-constexpr int HIC_VERSION_LEN = 4;
-constexpr int HIC_HOST_IP_LEN = 16;
+// Buffers of device paths, workspace paths and command lines.
+constexpr uint32_t HIC_PATH_LEN = 256;
+constexpr uint32_t HIC_LUN_NAME_LEN = 257;
+constexpr uint32_t HIC_LUN_WWN_LEN = 257;
+constexpr uint32_t HIC_VENDOR_ID_LEN = 17;
+constexpr uint32_t HIC_ARRAY_NAME_LEN = 81;
+constexpr uint32_t HIC_ARRAY_SN_LEN = 21;
+constexpr uint32_t HIC_VERSION_LEN = 4;
 
 struct HIC_LunInfo {
     HIC_ListHead list;
-    char devPath[HIC_DEV_PATH_LEN];
+    char devPath[HIC_PATH_LEN];
     char lunName[HIC_LUN_NAME_LEN];
     char lunWwn[HIC_LUN_WWN_LEN];
     char vendorId[HIC_VENDOR_ID_LEN];
@@ -59,7 +61,7 @@ struct HIC_ArrayInfo {
     char arraySn[HIC_ARRAY_SN_LEN];
     unsigned char versions[HIC_VERSION_LEN];
     std::atomic<int32_t> heartBeatRunning;
-    unsigned char hostIp[HIC_HOST_IP_LEN];
+    unsigned char hostIp[HIC_IP_ADDR_LEN];
     unsigned char ipType;
     std::atomic<int32_t> collectRunning;
 };

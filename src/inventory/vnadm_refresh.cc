@@ -13,7 +13,6 @@ namespace {
 
 constexpr int kDevNameToken = 1;  // the 2nd token, counted from 0
 constexpr int kWwnToken = 3;      // the 4th token
-constexpr uint32_t kPathLen = 256;
 
 bool AnyArrayBusy() {
     for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
@@ -144,7 +143,7 @@ int HIC_RefreshLunListByVnadm(HIC_ListHead* head) {
         HIC_LOG(HIC_LOG_ERROR, "invalid argument \n");
         return -1;
     }
-    char devPath[kPathLen];
+    char devPath[HIC_PATH_LEN];
     // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): see FindConfirmation
     for (HIC_ListHead* p = head->next; p != head; p = p->next) {
         const auto* entry = reinterpret_cast<HIC_VnLunInfo*>(p);

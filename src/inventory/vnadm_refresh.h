@@ -8,10 +8,10 @@
 #include "inventory/lists.h"
 
 constexpr const char* HIC_VNADM_LIST_CMD = "vnadmin show vlun type=all | grep \"Normal\"";
-constexpr int HIC_VNADM_LINE_LEN = 512;
+constexpr uint32_t HIC_VNADM_LINE_LEN = 512;
 constexpr int HIC_VNADM_MAX_TOKENS = 15;
-constexpr int HIC_VNADM_SLOT_LEN = 256;
-constexpr int HIC_VNADM_FIELD_LEN = 257;
+constexpr uint32_t HIC_VNADM_SLOT_LEN = 256;
+constexpr uint32_t HIC_VNADM_FIELD_LEN = 257;
 
 // One LUN of the listing, in a list that lives for one refresh only.
 struct HIC_VnLunInfo {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/coding.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 #include "scsi/sg_transport.h"
@@ -35,12 +36,8 @@ int HIC_DoInquiry(int fd, unsigned char evpd, unsigned char page, unsigned char*
                   unsigned int len) {
     (void)memset_s(buf, len, 0, len);
 
-    unsigned char cdb[HIC_INQUIRY_CDB_LEN] = {HIC_INQUIRY_OPCODE,
-                                              evpd,
-                                              page,
-                                              static_cast<unsigned char>((len >> 8) & 0xFF),
-                                              static_cast<unsigned char>(len & 0xFF),
-                                              0x00};
+    unsigned char cdb[HIC_INQUIRY_CDB_LEN] = {HIC_INQUIRY_OPCODE, evpd, page, 0x00, 0x00, 0x00};
+    hic::EncodeBigEndian16(cdb + 3, static_cast<uint16_t>(len));
     HIC_SgStatus st{};
     if (HIC_SgExchange(fd, cdb, HIC_INQUIRY_CDB_LEN, buf, len, SG_DXFER_FROM_DEV, &st) != 0) {
         HIC_LogIoctlFailure(errno);
@@ -80,8 +77,7 @@ int HIC_GetLunName(int fd, char* buf, uint32_t capacity) {
     if (ret != 0) {
         return ret;
     }
-    const unsigned int selector =
-        (static_cast<unsigned int>(page[kNameSelectorOffset]) << 8) | page[kNameSelectorOffset + 1];
+    const unsigned int selector = hic::DecodeBigEndian16(page + kNameSelectorOffset);
     const unsigned char* name = (selector != 0) ? page + kLongNameOffset : page + kShortNameOffset;
     const uint32_t len = (selector != 0) ? kLongNameLen : kShortNameLen;
     if (memcpy_s(buf, capacity, name, len) != 0) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/coding.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 
@@ -25,17 +26,13 @@ int HIC_OpenDevByPath(const char* path, int mode) {
 
 int HIC_BuildCdb(unsigned char* cdb, int cdbLen, unsigned char opcode, uint64_t address,
                  uint32_t length) {
-    if (cdb == nullptr || cdbLen < HIC_CDB_LEN) {
+    if (cdb == nullptr || cdbLen < static_cast<int>(HIC_CDB_LEN)) {
         return -1;
     }
     cdb[0] = opcode;
     cdb[1] = 0x00;
-    for (int i = 0; i < 8; ++i) {
-        cdb[2 + i] = static_cast<unsigned char>(address >> (56 - 8 * i));
-    }
-    for (int i = 0; i < 4; ++i) {
-        cdb[10 + i] = static_cast<unsigned char>(length >> (24 - 8 * i));
-    }
+    hic::EncodeBigEndian64(cdb + 2, address);
+    hic::EncodeBigEndian32(cdb + 10, length);
     cdb[14] = 0x81;
     cdb[15] = 0x00;
     return 0;

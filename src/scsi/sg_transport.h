@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-constexpr int HIC_CDB_LEN = 16;
-constexpr int HIC_SENSE_LEN = 96;
+constexpr uint32_t HIC_CDB_LEN = 16;
+constexpr uint32_t HIC_SENSE_LEN = 96;
 // The request's timeout field is in milliseconds: 30 ms.
 constexpr unsigned int HIC_SG_TIMEOUT = 30;
 // HIC_OpenDevByPath modes: 1 read-only, anything else read-write.

@@ -1,5 +1,6 @@
 #include "settings/host_address.h"
 
+#include "base/coding.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 #include "settings/settings_file.h"
@@ -259,9 +260,8 @@ int32_t HIC_CopyIPv6Groups(const uint32_t groups[HIC_IPV6_GROUP_NUM], int32_t co
         return -1;
     }
     unsigned char* byte = out;
-    for (int32_t k = 0; k < HIC_IPV6_GROUP_NUM; ++k) {
-        *byte++ = static_cast<unsigned char>((groups[k] >> 8) & 0xFFU);
-        *byte++ = static_cast<unsigned char>(groups[k] & 0xFFU);
+    for (int32_t k = 0; k < HIC_IPV6_GROUP_NUM; ++k, byte += 2) {
+        hic::EncodeBigEndian16(byte, static_cast<uint16_t>(groups[k]));
     }
     return 0;
 }
