@@ -62,8 +62,12 @@ int HIC_GetFileBufAndWriteToArray(int fd, FILE* file, unsigned char* buf, long o
         return -1;
     }
     (void)memset_s(scratch.Get(), HIC_RESULT_CHUNK_LEN, 0, HIC_RESULT_CHUNK_LEN);
-    // A short read (the archive shrank meanwhile) sends zeros.
-    (void)std::fread(scratch.Get(), 1, n, file);
+    // A short read (the archive shrank meanwhile) sends zeros; a read error
+    // would send zeros in the middle of a good archive.
+    if (std::fread(scratch.Get(), 1, n, file) < n && std::ferror(file) != 0) {
+        HIC_LOG(HIC_LOG_ERROR, "read at offset %ld failed.\n", offset);
+        return -1;
+    }
     if (memcpy_s(buf + HIC_RESULT_HEADER_LEN, HIC_RESULT_CHUNK_LEN, scratch.Get(), n) != 0) {
         HIC_LOG(HIC_LOG_ERROR, "copy buffer failed.\n");
         return -1;

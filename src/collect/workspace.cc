@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "base/handles.h"
+#include "base/shell.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 
@@ -70,9 +72,13 @@ void DeleteAt(int dirFd, const char* name, const char* path) {
     (void)::unlinkat(dirFd, name, AT_REMOVEDIR);
 }
 
-// Runs a command line through the shell; the exit status is not examined.
+// Runs a command line through the shell. Its exit status is not examined,
+// but a shell that cannot start at all (no process left, no memory) is worth
+// a line: nothing the caller expects will be there.
 void RunShell(const char* command) {
-    (void)std::system(command);  // NOLINT(cert-env33-c,concurrency-mt-unsafe)
+    if (hic::RunShell(command) != 0) {
+        HIC_LOG(HIC_LOG_ERROR, "can't run %s: %s.\n", command, std::strerror(errno));
+    }
 }
 
 }  // namespace

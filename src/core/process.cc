@@ -34,6 +34,13 @@ int PieceToInt(const char* piece) {
     return static_cast<int>(value);
 }
 
+// The lock is ours but the file cannot say so: give up like a second instance.
+int PidFileWriteFailed() {
+    HIC_WriteLog(HIC_LOG_ERROR, "HIC_CheckIsAlreadyRunning", __LINE__, "can't write %s: %s.\n",
+                 HIC_PID_FILE, std::strerror(errno));
+    return -1;
+}
+
 }  // namespace
 
 void HIC_TakeTheProgramRunToBackground() {
@@ -67,7 +74,11 @@ void HIC_TakeTheProgramRunToBackground() {
     if (pid != 0) {
         std::exit(0);
     }
-    (void)chdir("/");
+    // Holding the start directory would keep its file system busy for good.
+    if (chdir("/") != 0) {
+        HIC_LOG(HIC_LOG_ERROR, "can't change directory to /: %s.\n", std::strerror(errno));
+        std::exit(1);
+    }
     (void)umask(0);
     const long max = (limit.rlim_max == RLIM_INFINITY) ? HIC_DEFAULT_FD_LIMIT
                                                        : static_cast<long>(limit.rlim_max);
@@ -105,12 +116,18 @@ int HIC_CheckIsAlreadyRunning() {
         HIC_LOG(HIC_LOG_ERROR, "can't lock %s: %s.\n", HIC_PID_FILE, std::strerror(err));
         return -1;
     }
-    (void)ftruncate(g_pidFileFd, 0);
+    if (ftruncate(g_pidFileFd, 0) != 0) {
+        return PidFileWriteFailed();
+    }
     if (sprintf_s(text, sizeof(text), "%ld", static_cast<long>(getpid())) == -1) {
         return -1;
     }
-    // The digits and their NUL, at the start of the file.
-    (void)pwrite(g_pidFileFd, text, std::strlen(text) + 1, 0);
+    // The digits and their NUL, at the start of the file. A pid file that
+    // names no process, or the wrong one, would mislead whoever stops us.
+    const std::size_t len = std::strlen(text) + 1;
+    if (pwrite(g_pidFileFd, text, len, 0) != static_cast<ssize_t>(len)) {
+        return PidFileWriteFailed();
+    }
     return 0;
 }
 

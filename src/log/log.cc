@@ -12,6 +12,7 @@
 #include <shared_mutex>
 
 #include "base/handles.h"
+#include "base/shell.h"
 #include "bounded/bounded.h"
 
 namespace {
@@ -146,15 +147,18 @@ void HIC_GetDate(char* dest, uint32_t size) {
 }
 
 void HIC_BackupLogFile() {
+    // Every step runs whatever the previous one gave: the log must shrink even
+    // when the copy or the archive fails, and the log cannot report a failure
+    // of its own rotation.
     (void)std::remove(HIC_LOG_ARCHIVE_PATH);
-    (void)std::system(
+    (void)hic::RunShell(
         "cp -f /opt/Vornal/log/hostinfotool.log /opt/Vornal/log/hostinfotool_bak.log >/dev/null "
         "2>&1");
-    (void)std::system(
+    (void)hic::RunShell(
         "cd /opt/Vornal/log; tar zcvf /opt/Vornal/log/hostinfolog.tar.gz hostinfotool_bak.log "
         ">/dev/null 2>&1");
     (void)std::remove(HIC_LOG_BAK_PATH);
-    (void)std::system(
+    (void)hic::RunShell(
         "echo \"/* The log is transferred to the bak */\" > /opt/Vornal/log/hostinfotool.log");
 }
 

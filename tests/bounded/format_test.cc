@@ -63,13 +63,19 @@ std::string Libc(const char* format, A... args) {
     return std::string(buffer, n < 0 ? 0 : static_cast<size_t>(n));
 }
 
+// What a failed call shows as, "<-1>": appended, since GCC 12 at -O3 sees a
+// false overlap in "<" + std::to_string(n).
+std::string FailureText(int n) {
+    return std::string("<").append(std::to_string(n)).append(">");
+}
+
 // Result of formatting into a roomy buffer: the text, or "<-1>".
 template <typename... A>
 std::string Formatted(const char* format, A... args) {
     char buffer[1024];
     const int n = Sprintf(buffer, sizeof(buffer), format, args...);
     if (n < 0) {
-        return "<" + std::to_string(n) + ">";
+        return FailureText(n);
     }
     EXPECT_EQ(buffer[n], '\0');
     return std::string(buffer, static_cast<size_t>(n));
@@ -293,7 +299,7 @@ TEST(FormatEngine, LongAndCutOutputs) {
     };
     std::string dest(6000, '\0');
     const auto whole = [&dest](int n) {
-        return n < 0 ? "<" + std::to_string(n) + ">" : dest.substr(0, static_cast<size_t>(n) + 1);
+        return n < 0 ? FailureText(n) : dest.substr(0, static_cast<size_t>(n) + 1);
     };
     const auto cut = [](uint32_t count, const char* format, auto arg) {
         Arena arena;

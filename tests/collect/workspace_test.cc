@@ -61,7 +61,7 @@ class DeleteTest : public SandboxTest, public ::testing::WithParamInterface<Dele
                   0);
     }
     void TearDown() override {
-        (void)std::system("rm -rf /opt/Vornal/T /srv/outside");
+        EXPECT_EQ(std::system("rm -rf /opt/Vornal/T /srv/outside"), 0);
         SandboxTest::TearDown();
     }
 };

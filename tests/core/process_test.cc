@@ -192,7 +192,9 @@ TEST_F(BackgroundTest, DetachesAndClosesEveryDescriptor) {
         (void)::setrlimit(RLIMIT_NOFILE, &lim);
         (void)::dup2(0, 63);
         (void)::dup2(0, 40);
-        (void)::chdir("/tmp");
+        if (::chdir("/tmp") != 0) {
+            ::_exit(1);
+        }
         (void)::umask(077);
         const pid_t parent = ::getpid();
         HIC_TakeTheProgramRunToBackground();
