@@ -20,7 +20,9 @@
 #include <vector>
 
 #include "client.h"
-#include "support/sandbox_test.h"
+#include "log/log.h"
+#include "support/support.h"
+#include "support/wire.h"
 
 namespace {
 
@@ -396,6 +398,260 @@ TEST_F(DaemonE2eTest, LunListFollowsTheManagementTool) {
     EXPECT_FALSE(Contains(LoggedMessages(), "clear device /dev/sdc"));
     // The management tool was asked exactly as the product expects.
     EXPECT_TRUE(Contains(ReadFile("/run/vnadmin/calls"), "show vlun type=all\n"));
+}
+
+// Three arrays and a disk of another vendor. ARRAY01 and ARRAY02 (software
+// 2.7, the oldest asked) ask for a collection; so does ARRAY03, but its
+// software 2.6 is too old to be asked.
+constexpr const char* kFleet = R"({
+  "arrays": [{"sn": "ARRAY01", "name": "array-one"},
+             {"sn": "ARRAY02", "name": "array-two", "major": 2, "minor": 7},
+             {"sn": "ARRAY03", "name": "array-three", "major": 2, "minor": 6}],
+  "luns": [{"dev": "sdb", "array": "ARRAY01", "wwn": "6e0a0b0c0d0e0f101112131415161701"},
+           {"dev": "sdc", "array": "ARRAY01", "vendor": "PELKO",
+            "wwn": "6e0a0b0c0d0e0f101112131415161702"},
+           {"dev": "sdd", "array": "ARRAY02", "wwn": "6e0a0b0c0d0e0f101112131415161703"},
+           {"dev": "sde", "array": "ARRAY02", "wwn": "6e0a0b0c0d0e0f101112131415161704"},
+           {"dev": "sdf", "array": "ARRAY03", "wwn": "6e0a0b0c0d0e0f101112131415161705"},
+           {"dev": "sdg", "vendor": "OTHERV", "wwn": "6e0a0b0c0d0e0f101112131415161706"}]})";
+
+// The stand-in collection script: it notes its arguments, its directory's
+// mode and contents and whether the data script was copied whole, writes
+// 9000 random bytes (three chunks once packed) and keeps a copy of them;
+// ARRAY01's takes 23 seconds.
+constexpr const char* kFleetScript = R"SH(#!/bin/sh
+dir=$(dirname "$0")
+sn=$(basename "$dir")
+listing=$(ls "$dir" | tr '\n' ' ')
+echo "$listing" > "$dir/listing.data"
+stat -c %a "$dir" > "$dir/mode.data"
+cmp -s "$dir/hic_data.sh" /Vornal/install/otherTools/hic_data.sh && echo same > "$dir/copy.data"
+printf '%s|%s|%s\n' "$#" "$1" "$2" > "$dir/CollectLog_$sn.txt"
+printf 'not packed\n' > "$dir/other.txt"
+head -c 9000 /dev/urandom > "$dir/big.data"
+cp "$dir/big.data" "/run/big.$sn"
+[ "$sn" = ARRAY01 ] && sleep 23
+exit 0
+)SH";
+
+// The served disks in the order the daemon's discovery walks /sys/block.
+std::vector<std::string> BlockOrder() {
+    std::vector<std::string> out;
+    if (DIR* d = ::opendir("/sys/block")) {
+        while (const dirent* e = ::readdir(d)) {
+            if (e->d_name[0] != '.' && std::string(e->d_name) != "sdg") {
+                out.push_back(e->d_name);
+            }
+        }
+        ::closedir(d);
+    }
+    return out;
+}
+
+// Of two LUNs of an array, the one the daemon takes first.
+std::pair<std::string, std::string> FirstOf(const std::vector<std::string>& order,
+                                            const std::string& a, const std::string& b) {
+    for (const std::string& dev : order) {
+        if (dev == a || dev == b) {
+            return {dev, dev == a ? b : a};
+        }
+    }
+    return {a, b};
+}
+
+// "name=content" of every member of an archive, in archive order.
+std::vector<std::string> Members(const hic_test::Bytes& archive) {
+    WriteFile("/tmp/received.tar.gz", std::string(archive.begin(), archive.end()));
+    EXPECT_EQ(std::system("rm -rf /tmp/received && mkdir /tmp/received && "
+                          "tar xzf /tmp/received.tar.gz -C /tmp/received"),
+              0);
+    std::vector<std::string> out;
+    const std::string names = hic_test::Capture("tar tzf /tmp/received.tar.gz");
+    for (size_t pos = 0, end; (end = names.find('\n', pos)) != std::string::npos; pos = end + 1) {
+        const std::string name = names.substr(pos, end - pos);
+        out.push_back(name + "=" + ReadFile("/tmp/received/" + name));
+    }
+    return out;
+}
+
+std::vector<std::string> ExpectedMembers(const std::string& sn) {
+    return {"big.data=" + ReadFile("/run/big." + sn), "copy.data=same\n",
+            "listing.data=hic_collect.sh hic_data.sh \n", "mode.data=600\n",
+            "CollectLog_" + sn + ".txt=2|-scene|upgrade\n"};
+}
+
+using hic_test::Debug;
+using hic_test::Err;
+using hic_test::Info;
+
+// The collection thread's lines through dev, up to the script.
+hic_test::LogList ArmedLines(const std::string& sn, const std::string& dev,
+                             const std::string& version) {
+    const std::string dir = "/opt/Vornal/" + sn;
+    return {
+        Debug("HIC_GetCollectScriptFromArray", "Select lun " + dev + ".\n"),
+        Debug("HIC_CheckArrayVersion", "get array version {" + version + "}.\n"),
+        Info("HIC_IsValidToExecuteCollectTask", "Get the array{sn:" + sn + "} switchStatus 1.\n"),
+        Info("HIC_GetSwitchInfo",
+             "Select lun " + dev + " to start the collection task for array:" + sn + ".\n"),
+        Info("HIC_CreateDirectory", "The directory{" + dir + "} recreate success.\n"),
+        Info("HIC_HeartBeatThreadCreate", "start HeartBeat C9 to array: " + sn + ".\n"),
+        Debug("HIC_ExecuteCollectScript",
+              "sh " + dir + "/hic_collect.sh -scene upgrade >/dev/null 2>&1.\n"),
+        Debug("HIC_ExecuteCollectScript", "cd " + dir + "/; tar zcf " + dir +
+                                              "/result.tar.gz *.data CollectLog_*.txt "
+                                              ">/dev/null 2>&1.\n")};
+}
+
+// An upload attempt through dev of an archive of size bytes, up to the
+// chunk that failed (or all of them).
+hic_test::LogList UploadLines(const std::string& sn, const std::string& dev, uint32_t size,
+                              uint32_t failedAt = UINT32_MAX) {
+    hic_test::LogList lines = {
+        Info("HIC_WriteCollectResultToArray",
+             "begin write result array{sn:" + sn + "} by lun{" + dev + "}.\n"),
+        Info("HIC_WriteResultFileBufToArray",
+             "the array{sn:" + sn + "} result fileSize is " + std::to_string(size) + ".\n")};
+    for (uint32_t offset = 0; offset < size && offset < failedAt; offset += 4064) {
+        lines.push_back(Info("HIC_GetFileBufAndWriteToArray",
+                             "Write to array Offset " + std::to_string(offset) + " success.\n"));
+    }
+    return lines;
+}
+
+std::string Success(const std::string& sn) {
+    return Info("HIC_CollectTaskThread", "array{sn:" + sn + "} collect task execute success.\n");
+}
+
+TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
+    ASSERT_EQ(rig_->Stop(), 0);
+    rig_ = std::make_unique<vnarray::Rig>(vnarray::Json::parse(kFleet));
+    rig_->Start();
+    vnarray::Client& array = rig_->client();
+    const std::vector<std::string> order = BlockOrder();
+    const auto [one, oneNext] = FirstOf(order, "sdb", "sdc");
+    const auto [two, twoNext] = FirstOf(order, "sdd", "sde");
+    std::string listing;
+    for (int i = 1; i <= 5; ++i) {
+        const std::string dev = std::string("sd") + static_cast<char>('a' + i);
+        listing += ListingLine(dev.c_str(),
+                               ("6e0a0b0c0d0e0f10111213141516170" + std::to_string(i)).c_str());
+    }
+    WriteFile("/run/vnadmin/show_vlun", listing);
+    WriteFile(std::string(kScriptDir) + "/hic_collect.sh", kFleetScript);
+    array.RaiseSwitch("ARRAY01", "0A0B0C0D");
+    array.RaiseSwitch("ARRAY02", "00000002");
+    array.RaiseSwitch("ARRAY03", "00000001");
+    // ARRAY02's first LUN fails one heartbeat and its second chunk.
+    array.InjectFault({{"lun", two}, {"kind", "c9"}, {"status", 2}, {"count", 1}});
+    array.InjectFault({{"lun", two}, {"kind", "ca"}, {"status", 2}, {"after", 1}, {"count", 1}});
+
+    ASSERT_EQ(Start("VN_LOG_DEBUG"), 0);
+    ASSERT_GT(WaitForDaemon(), 0);
+    const std::string exit = Info("HIC_SendHeartBeatByLun", "Pthread HeartBeatC9 exit.\n");
+    ASSERT_TRUE(WaitFor([&] {
+        const hic_test::LogList lines = hic_test::LogLines();
+        return std::count(lines.begin(), lines.end(), exit) == 2 &&
+               !hic_test::Exists("/opt/Vornal/ARRAY01") && !hic_test::Exists("/opt/Vornal/ARRAY02");
+    })) << LoggedMessages();
+
+    // What the arrays got: the heartbeats and chunks carry each array's
+    // collect version and the settings' address (10.10.1.20, IPv4 is 0).
+    const hic_test::Bytes ip = hic_test::Hex("0A0A0114 000000000000000000000000");
+    const std::map<std::string, hic_test::HostFields> hosts = {
+        {"ARRAY01", {hic_test::Hex("0A0B0C0D"), ip, 0}},
+        {"ARRAY02", {hic_test::Hex("00000002"), ip, 0}}};
+    hic_test::ExpectEveryCommand(array.Commands(), hosts);
+    // The other vendor's disk gets its standard INQUIRY only; the old array
+    // is never asked for its switch.
+    for (const auto& c : array.Commands({{"lun", "sdg"}})) {
+        EXPECT_EQ(c.cdb, hic_test::Hex("12 00 00 0024 00"));
+    }
+    EXPECT_TRUE(array.Commands({{"kind", "c7"}, {"lun", "sdf"}}).empty());
+    // A 23-second collection at a 10-second period: beats at 0, 10 and 20 s.
+    const auto beats = array.Heartbeats("ARRAY01");
+    EXPECT_EQ(beats.size(), 3U);
+    for (const auto& b : beats) {
+        EXPECT_EQ(b.lun, one);
+    }
+    // ARRAY02's heartbeat left the LUN that failed it for the next one.
+    EXPECT_EQ(array.Commands({{"kind", "c9"}, {"lun", two}}).size(), 1U);
+    for (const auto& b : array.Heartbeats("ARRAY02")) {
+        EXPECT_EQ(b.lun, twoNext);
+    }
+
+    const auto up1 = array.Uploads("ARRAY01");
+    ASSERT_EQ(up1.size(), 1U);
+    EXPECT_TRUE(up1[0].complete && up1[0].issues.empty());
+    EXPECT_EQ(up1[0].luns, std::vector<std::string>{one});
+    const hic_test::Bytes archive1 = array.UploadData("ARRAY01");
+    ASSERT_GT(archive1.size(), 2 * 4064U);
+    hic_test::ExpectChunks(array.Commands({{"kind", "ca"}, {"lun", one}}), archive1,
+                           hosts.at("ARRAY01"));
+    EXPECT_EQ(Members(archive1), ExpectedMembers("ARRAY01"));
+    // The second chunk failed on the first LUN: the next LUN got it all again.
+    const auto up2 = array.Uploads("ARRAY02");
+    ASSERT_EQ(up2.size(), 2U);
+    EXPECT_FALSE(up2[0].complete);
+    EXPECT_EQ(up2[0].luns, std::vector<std::string>{two});
+    EXPECT_TRUE(up2[1].complete && up2[1].issues.empty());
+    EXPECT_EQ(up2[1].luns, std::vector<std::string>{twoNext});
+    const hic_test::Bytes archive2 = array.UploadData("ARRAY02");
+    hic_test::ExpectChunks(array.Commands({{"kind", "ca"}, {"lun", twoNext}}), archive2,
+                           hosts.at("ARRAY02"));
+    EXPECT_EQ(Members(archive2), ExpectedMembers("ARRAY02"));
+    // Every descriptor was closed again.
+    for (const auto& o : hic_test::SettledOpens(array)) {
+        EXPECT_EQ(o.err, 0) << o.lun;
+    }
+
+    // The log: each array's road in order, and exactly these errors.
+    const hic_test::LogList lines = hic_test::LogLines();
+    const auto size1 = static_cast<uint32_t>(archive1.size());
+    const auto size2 = static_cast<uint32_t>(archive2.size());
+    EXPECT_TRUE(hic_test::InOrder(
+        lines, hic_test::Cat(ArmedLines("ARRAY01", "/dev/" + one, "3.0"),
+                             UploadLines("ARRAY01", "/dev/" + one, size1), Success("ARRAY01"))));
+    EXPECT_TRUE(hic_test::InOrder(
+        lines,
+        hic_test::Cat(ArmedLines("ARRAY02", "/dev/" + two, "2.7"),
+                      UploadLines("ARRAY02", "/dev/" + two, size2, 4064),
+                      UploadLines("ARRAY02", "/dev/" + twoNext, size2), Success("ARRAY02"))));
+    EXPECT_TRUE(
+        hic_test::InOrder(lines, {Debug("HIC_GetCollectScriptFromArray", "Select lun /dev/sdf.\n"),
+                                  Debug("HIC_CheckArrayVersion", "get array version {2.6}.\n")}));
+    EXPECT_EQ(
+        std::count(lines.begin(), lines.end(),
+                   Info("HIC_SendHeartBeatByLun", "send HeartBeat C9 to array{sn:ARRAY01}.\n")),
+        3);
+    hic_test::LogList errors = hic_test::LinesStartingWith(lines, "ERR ");
+    std::sort(errors.begin(), errors.end());
+    hic_test::LogList expected = {
+        Err("HIC_DoWriteBufToArray", "write to array failed.\n"),
+        Err("HIC_GetFileBufAndWriteToArray", "Write buf to array failed, offset 4064.\n"),
+        Err("HIC_SendHeartBeat", "send heartbeat failed.\n"),
+        Err("HIC_SendHeartBeatByLun", "send HeartBeatC9 failed on dev /dev/" + two + ".\n"),
+        Err("HIC_WriteCollectResultToArray",
+            "Write to array{sn:ARRAY02} failed on dev /dev/" + two + ".\n")};
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(errors, expected);
+    EXPECT_EQ(hic_test::LinesStartingWith(
+                  lines, "INFO HIC_IsValidToExecuteCollectTask: Get the array{sn:ARRAY03}"),
+              hic_test::LogList{});
+
+    // A new version (last byte only) is a new request once the array is
+    // idle again; the unchanged one is not.
+    array.RaiseSwitch("ARRAY02", "00000003");
+    ASSERT_TRUE(WaitFor([&] {
+        const auto ups = array.Uploads("ARRAY02");
+        return ups.size() == 3 && ups[2].complete;
+    })) << LoggedMessages();
+    EXPECT_EQ(array.Uploads("ARRAY02")[2].luns, std::vector<std::string>{two});
+    EXPECT_EQ(array.Uploads("ARRAY02")[2].versions, (vnarray::Version{0, 0, 0, 3}));
+    EXPECT_TRUE(
+        WaitForLog("DEBUG HIC_IsValidToExecuteCollectTask: the versions are not change, not "
+                   "execute collect.\n"));
+    EXPECT_EQ(array.Uploads("ARRAY01").size(), 1U);
 }
 
 }  // namespace

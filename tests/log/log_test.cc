@@ -22,43 +22,18 @@
 #include <utility>
 #include <vector>
 
+#include "support/support.h"
+
 namespace {
+
+using hic_test::Capture;
+using hic_test::Exists;
+using hic_test::ReadFile;
+using hic_test::WriteFile;
 
 const std::string kMarker = "/* The log is transferred to the bak */\n";
 const std::string kArchiveList = "tar tzf /opt/Vornal/log/hostinfolog.tar.gz 2>&1";
 const std::string kArchived = "tar xzOf /opt/Vornal/log/hostinfolog.tar.gz hostinfotool_bak.log";
-
-bool Exists(const char* path) {
-    struct stat st {};
-    return ::lstat(path, &st) == 0;
-}
-
-std::string ReadFile(const char* path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void WriteFile(const char* path, const std::string& data) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << data;
-    out.close();
-    ASSERT_TRUE(out.good()) << path;
-}
-
-// Runs a shell command and returns its standard output.
-std::string Capture(const std::string& command) {
-    std::string out;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return out;
-    }
-    char buf[65536];
-    for (size_t n = 0; (n = std::fread(buf, 1, sizeof(buf), pipe)) > 0;) {
-        out.append(buf, n);
-    }
-    (void)::pclose(pipe);
-    return out;
-}
 
 std::vector<std::string> SplitLines(const std::string& text) {
     std::vector<std::string> lines;

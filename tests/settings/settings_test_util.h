@@ -5,8 +5,9 @@
 #include <cstdio>
 #include <string>
 
+#include "log/log.h"
 #include "settings/settings_file.h"
-#include "support/sandbox_test.h"
+#include "support/support.h"
 
 namespace hic_test {
 
