@@ -1,19 +1,21 @@
 // pidfile-guard: start helper of the systemd unit. The daemon forks twice
-// and never tells systemd it is ready, so systemd learns its pid from the
-// pid file alone; this keeps that file honest without changing the daemon.
+// and never tells systemd it is ready, so systemd learns its pid from a pid
+// file alone; this gives systemd the right one without changing the daemon.
 //
-//   pidfile-guard pre    (ExecStartPre=) refuse to start while another
-//                        process holds the pid-file lock; otherwise empty a
-//                        stale pid file, whose pid may now belong to an
-//                        unrelated process that systemd would adopt.
-//   pidfile-guard post   (ExecStartPost=) wait until the pid file names a
-//                        process of this unit that holds the file's write
-//                        lock; fail as soon as no other process is left in
-//                        the unit, showing the daemon's last log lines.
+//   pidfile-guard pre         (ExecStartPre=) refuse to start while another
+//                             process, a daemon started by hand, holds the
+//                             lock of the daemon's pid file.
+//   pidfile-guard post FILE   (ExecStartPost=) wait until the daemon's pid
+//                             file names a process of this unit that holds
+//                             the file's write lock, then write that pid to
+//                             FILE, the unit's PIDFile=; fail as soon as no
+//                             other process is left in the unit, showing
+//                             the daemon's last log lines.
 //
-// systemd reads the pid file again after ExecStartPost=, so it then tracks
-// the real daemon. Exit status 0 on success, 1 otherwise, with the reason
-// on standard error (the journal).
+// The unit's PIDFile= is not the daemon's own file: systemd never reads a
+// stale pid from it, and when the unit stops or fails systemd deletes it,
+// which must not happen to the file of a daemon started by hand. Exit
+// status 0 on success, 1 otherwise, with the reason on standard error.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -45,18 +47,12 @@ void Fail(const char* what) {
     std::fprintf(stderr, "%s: %s: %s\n", kProg, what, std::strerror(errno));
 }
 
-// The lock request of the daemon: a write lock on the whole file.
-struct flock WholeFileWriteLock() {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    return lock;
-}
-
 // The pid holding a lock that conflicts with a whole-file write lock; 0 when
 // there is none, -1 on error.
 pid_t LockHolder(int fd) {
-    struct flock lock = WholeFileWriteLock();
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
     if (fcntl(fd, F_GETLK, &lock) < 0) {
         return -1;
     }
@@ -174,7 +170,7 @@ void ShowLogTail() {
 }
 
 int Pre() {
-    hic::UniqueFd fd(open(HIC_PID_FILE, O_RDWR | O_CLOEXEC | O_NOFOLLOW));
+    hic::UniqueFd fd(open(HIC_PID_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
     if (!fd.Valid()) {
         if (errno == ENOENT) {
             return 0;  // first start: the daemon creates the file
@@ -182,28 +178,43 @@ int Pre() {
         Fail(HIC_PID_FILE);
         return 1;
     }
-    // Holding the lock while emptying the file keeps a daemon started by
-    // hand at this moment from losing its freshly written pid.
-    struct flock lock = WholeFileWriteLock();
-    if (fcntl(fd.Get(), F_SETLK, &lock) < 0) {
-        if (errno != EACCES && errno != EAGAIN) {
-            Fail(HIC_PID_FILE);
-            return 1;
-        }
-        std::fprintf(stderr,
-                     "%s: %s is locked by process %d: vn_hostinfo already runs outside this "
-                     "unit; stop it before starting the unit\n",
-                     kProg, HIC_PID_FILE, static_cast<int>(LockHolder(fd.Get())));
-        return 1;
-    }
-    if (ftruncate(fd.Get(), 0) < 0) {
+    const pid_t holder = LockHolder(fd.Get());
+    if (holder < 0) {
         Fail(HIC_PID_FILE);
         return 1;
     }
-    return 0;  // closing the file releases the lock
+    if (holder > 0) {
+        std::fprintf(stderr,
+                     "%s: %s is locked by process %d: vn_hostinfo already runs outside this "
+                     "unit; stop it before starting the unit\n",
+                     kProg, HIC_PID_FILE, static_cast<int>(holder));
+        return 1;
+    }
+    return 0;
 }
 
-int Post() {
+// Writes the pid for systemd: a new file renamed over the old one, so that
+// systemd never reads it half written.
+int WriteUnitPidFile(const char* path, pid_t pid) {
+    char tmp[4096];
+    const int len = std::snprintf(tmp, sizeof(tmp), "%s.new", path);
+    if (len < 0 || static_cast<size_t>(len) >= sizeof(tmp)) {
+        std::fprintf(stderr, "%s: %s: name too long\n", kProg, path);
+        return 1;
+    }
+    hic::UniqueFd fd(open(tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
+    char text[32];
+    const int n = std::snprintf(text, sizeof(text), "%d\n", static_cast<int>(pid));
+    if (!fd.Valid() || write(fd.Get(), text, static_cast<size_t>(n)) != n ||
+        rename(tmp, path) < 0) {
+        Fail(path);
+        (void)unlink(tmp);
+        return 1;
+    }
+    return 0;
+}
+
+int Post(const char* unitPidFile) {
     char mine[kCgroupLen];
     if (!CgroupOf(getpid(), mine)) {
         Fail("/proc/self/cgroup");
@@ -214,7 +225,7 @@ int Post() {
         pid_t holder = 0;
         const pid_t named = ReadPidFile(&holder);
         if (named > 0 && named == holder && InMyUnit(named, mine)) {
-            return 0;
+            return WriteUnitPidFile(unitPidFile, named);
         }
         if (!OthersInMyUnit(mine)) {
             std::fprintf(stderr, "%s: vn_hostinfo ended during start-up\n", kProg);
@@ -231,9 +242,9 @@ int main(int argc, char** argv) {
     if (argc == 2 && std::strcmp(argv[1], "pre") == 0) {
         return Pre();
     }
-    if (argc == 2 && std::strcmp(argv[1], "post") == 0) {
-        return Post();
+    if (argc == 3 && std::strcmp(argv[1], "post") == 0) {
+        return Post(argv[2]);
     }
-    std::fprintf(stderr, "usage: %s pre|post\n", kProg);
+    std::fprintf(stderr, "usage: %s pre | %s post FILE\n", kProg, kProg);
     return 2;
 }

@@ -32,7 +32,7 @@ fi
 
 dpkg-deb -x "$deb" "$work/root"
 unit=$work/root/usr/lib/systemd/system/vn_hostinfo.service
-for want in "Type=forking" "PIDFile=/Vornal/install/otherTools/hostInfoCollect.pid" \
+for want in "Type=forking" "PIDFile=/run/vn_hostinfo/vn_hostinfo.pid" \
   "ExecStart=/usr/sbin/vn_hostinfo"; do
   grep -qxF "$want" "$unit" || fail "unit lacks $want"
 done
