@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libfuse3-dev fuse3 nlohmann-json3-dev
   faketime util-linux mount tar gzip procps jq
+  systemd man-db
 )
 
 missing=()
