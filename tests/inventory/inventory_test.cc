@@ -2,6 +2,7 @@
 // disk as discovery reads it through every INQUIRY reader, and the reader of
 // the management tool's listing.
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -10,11 +11,13 @@
 #include <utility>
 #include <vector>
 
+#include "base/handles.h"
 #include "client.h"
 #include "inventory/discovery.h"
 #include "inventory/lists.h"
 #include "inventory/vnadm_refresh.h"
 #include "log/log.h"
+#include "scsi/sg_transport.h"
 #include "support/support.h"
 #include "support/wire.h"
 
@@ -22,8 +25,10 @@ namespace hic_test {
 namespace {
 
 // Vendors are taken by their first six (TRELOX) or five (PELKO) letters,
-// after spaces became NULs; names by their selector; the array name packed
-// without its NULs; a serial number with a shell character refused.
+// after spaces became NULs; names by their 16-bit selector (sdj's is 0x0100:
+// its long name, empty); the array name packed without its NULs; a serial
+// number with a shell character refused; sdj's WWN read fails on the driver
+// status alone.
 constexpr const char* kDisks = R"({
   "arrays": [{"sn": "ARRAYSN0001", "name": "array-one"}, {"sn": "ARRAYSN0002", "name": "array-two"}],
   "luns": [
@@ -38,6 +43,7 @@ constexpr const char* kDisks = R"({
     {"dev": "sdh", "array": "ARRAYSN0001", "vendor": "PELK"},
     {"dev": "sdi", "array": "ARRAYSN0001", "vendor": "TRELOX 1", "name": "lun-i",
      "serial": "AB;CD", "wwn": "60000000000000000000000000000009"},
+    {"dev": "sdj", "array": "ARRAYSN0001", "name": "short j", "name_selector": 256},
     {"dev": "sr0", "array": "ARRAYSN0001"}, {"dev": "loop0", "array": "ARRAYSN0001"}]
 })";
 
@@ -68,6 +74,7 @@ class InventoryTest : public SandboxTest {
 TEST_F(InventoryTest, DiscoveryReadsEachServedDiskIdentity) {
     vnarray::Rig rig(kDisks);
     rig.Start();
+    rig.client().InjectFault({{"lun", "sdj"}, {"kind", "page83"}, {"driver_status", 8}});
     HIC_SetLogLevel(HIC_LOG_DEBUG);
     ASSERT_EQ(HIC_GetLunList(), 0);
 
@@ -82,7 +89,8 @@ TEST_F(InventoryTest, DiscoveryReadsEachServedDiskIdentity) {
          {"/dev/sdd", "PELKOX", "lun-d", "60000000000000000000000000000003", "ABCD",
           "ARRAYSN0002"}},
         {"sdi",
-         {"/dev/sdi", "TRELOX", "lun-i", "60000000000000000000000000000009", "array-one", "--"}}};
+         {"/dev/sdi", "TRELOX", "lun-i", "60000000000000000000000000000009", "array-one", "--"}},
+        {"sdj", {"/dev/sdj", "TRELOX", "", "--", "array-one", "ARRAYSN0001"}}};
     std::vector<Identity> want;
     std::string wantLog;
     std::map<std::string, std::string> wantPages;
@@ -96,6 +104,12 @@ TEST_F(InventoryTest, DiscoveryReadsEachServedDiskIdentity) {
             if (const auto it = served.find(dev); it != served.end()) {
                 want.push_back(it->second);
                 wantPages[dev] = "00 c8 83 c8 80";
+                if (dev == "sdj") {
+                    wantLog +=
+                        "ERR HIC_DoInquiry: inqury page 0x83 failed.status:0, "
+                        "host_status:0, driver_status:8.\n"
+                        "ERR HIC_GetDevInfo: get wwn for /dev/sdj failed.\n";
+                }
                 if (dev == "sdi") {
                     wantLog +=
                         "ERR HIC_GetArraySn: array sn contains invalid characters.\n"
@@ -126,6 +140,19 @@ TEST_F(InventoryTest, DiscoveryReadsEachServedDiskIdentity) {
     for (const auto& o : SettledOpens(rig.client())) {
         EXPECT_TRUE(o.close || o.flags == 0) << o.lun;
     }
+    // Mode 1 opens read-only, any other mode read-write.
+    for (const int mode : {0, 1, 2}) {
+        hic::UniqueFd fd(HIC_OpenDevByPath("/dev/sdb", mode));
+        EXPECT_TRUE(fd.Valid());
+    }
+    std::vector<int> flags;
+    for (const auto& o : SettledOpens(rig.client(), "sdb")) {
+        if (!o.close) {
+            flags.push_back(o.flags);
+        }
+    }
+    EXPECT_EQ(std::vector<int>(flags.end() - 3, flags.end()),
+              (std::vector<int>{O_RDWR, O_RDONLY, O_RDWR}));
     EXPECT_EQ(rig.Stop(), 0);
 }
 

@@ -137,10 +137,6 @@ void Client::RaiseSwitch(const std::string& array, const std::string& version_he
     Call({{"cmd", "raise-switch"}, {"array", array}, {"version", version_hex}});
 }
 
-void Client::LowerSwitch(const std::string& array) {
-    Call({{"cmd", "lower-switch"}, {"array", array}});
-}
-
 void Client::SetSwitch(const std::string& array, int state,
                        const std::optional<std::string>& version_hex) {
     Json j = {{"cmd", "set-switch"}, {"array", array}, {"switch", state}};
@@ -238,11 +234,6 @@ void Client::SaveUpload(const std::string& array, std::optional<std::uint64_t> i
         j["index"] = *index;
     }
     Call(j);
-}
-
-Bytes Client::Page(const std::string& dev, const std::string& page) {
-    return FromHex(Call({{"cmd", "page"}, {"dev", dev}, {"page", page}})["hex"].get<std::string>())
-        .value_or(Bytes{});
 }
 
 void Client::Reset() {

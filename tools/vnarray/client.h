@@ -45,7 +45,6 @@ class Client {
     Json Call(const Json& request);
 
     void RaiseSwitch(const std::string& array, const std::string& version_hex);
-    void LowerSwitch(const std::string& array);
     void SetSwitch(const std::string& array, int state,
                    const std::optional<std::string>& version_hex = {});
     void SetVersion(const std::string& array, int major, int minor);
@@ -66,7 +65,6 @@ class Client {
     Bytes UploadData(const std::string& array, std::optional<std::uint64_t> index = {});
     void SaveUpload(const std::string& array, std::optional<std::uint64_t> index,
                     const std::string& path);
-    Bytes Page(const std::string& dev, const std::string& page);
     void Reset();
     void Quit();
 

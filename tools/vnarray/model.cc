@@ -11,54 +11,10 @@
 #include <iterator>
 #include <utility>
 
+#include "model_internal.h"
+
 namespace vnarray {
-
-namespace {
-
-// Sense keys and additional sense codes of the array's own refusals.
-constexpr std::uint8_t kSenseIllegalRequest = 0x05;
-constexpr std::uint8_t kAscInvalidOpcode = 0x20;
-constexpr std::uint8_t kAscInvalidFieldInCdb = 0x24;
-
-// Archives larger than this are checked but not kept.
-constexpr std::uint32_t kMaxKeptArchive = 256U << 20U;
-
-// Adds [lo, hi) to disjoint, merged ranges; returns the bytes not covered before.
-std::uint64_t AddCoverage(std::map<std::uint64_t, std::uint64_t>& ranges, std::uint64_t lo,
-                          std::uint64_t hi) {
-    if (hi <= lo) {
-        return 0;
-    }
-    std::uint64_t added = hi - lo;
-    std::uint64_t merged_lo = lo;
-    std::uint64_t merged_hi = hi;
-    auto it = ranges.upper_bound(lo);
-    if (it != ranges.begin() && std::prev(it)->second >= lo) {
-        --it;
-    }
-    while (it != ranges.end() && it->first <= hi) {
-        const std::uint64_t overlap_lo = std::max(it->first, lo);
-        const std::uint64_t overlap_hi = std::min(it->second, hi);
-        if (overlap_hi > overlap_lo) {
-            added -= overlap_hi - overlap_lo;
-        }
-        merged_lo = std::min(merged_lo, it->first);
-        merged_hi = std::max(merged_hi, it->second);
-        it = ranges.erase(it);
-    }
-    ranges.emplace(merged_lo, merged_hi);
-    return added;
-}
-
-double WallNow() {
-    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
-
-double MonoNow() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+namespace internal {
 
 std::uint64_t Be64(const Bytes& b, std::size_t at) {
     std::uint64_t v = 0;
@@ -76,44 +32,36 @@ std::uint32_t Be32(const Bytes& b, std::size_t at) {
     return v;
 }
 
-void PutBe16(Bytes& b, std::size_t at, std::uint16_t v) {
-    b.at(at) = static_cast<std::uint8_t>(v >> 8U);
-    b.at(at + 1) = static_cast<std::uint8_t>(v & 0xFFU);
-}
-
-// Copies text into a fixed field, padding with pad; longer text is cut.
-void PutField(Bytes& b, std::size_t at, std::size_t width, const std::string& text,
-              std::uint8_t pad) {
-    for (std::size_t i = 0; i < width; ++i) {
-        b.at(at + i) = i < text.size() ? static_cast<std::uint8_t>(text[i]) : pad;
-    }
-}
-
-void PutBytes(Bytes& b, std::size_t at, std::size_t width, const Bytes& src) {
-    for (std::size_t i = 0; i < width && i < src.size(); ++i) {
-        b.at(at + i) = src[i];
-    }
-}
-
 std::string Hex8(unsigned v) {
     char buf[8];
     std::snprintf(buf, sizeof(buf), "0x%02x", v & 0xFFU);
     return buf;
 }
 
-Wwn DefaultWwn(const LunConf& lun) {
-    // NAA 6 with a stable body, so a LUN keeps its WWN across runs.
-    std::string seed = lun.array + "/" + lun.dev;
-    std::uint64_t a = Fnv1a64(reinterpret_cast<const std::uint8_t*>(seed.data()), seed.size());
-    seed += "#";
-    std::uint64_t b = Fnv1a64(reinterpret_cast<const std::uint8_t*>(seed.data()), seed.size());
-    Wwn w{};
-    for (std::size_t i = 0; i < 8; ++i) {
-        w.at(i) = static_cast<std::uint8_t>(a >> (56U - 8U * i));
-        w.at(8 + i) = static_cast<std::uint8_t>(b >> (56U - 8U * i));
-    }
-    w[0] = static_cast<std::uint8_t>(0x60U | (w[0] & 0x0FU));
-    return w;
+void CheckCondition(SgResponse& r, std::uint8_t asc) {
+    r.status = kStatusCheckCondition;
+    r.driver_status = kDriverSense;
+    r.sense = FixedSense(kSenseIllegalRequest, asc, 0);
+}
+
+}  // namespace internal
+
+using internal::Be32;
+using internal::CheckCondition;
+using internal::kAscInvalidFieldInCdb;
+using internal::kAscInvalidOpcode;
+using internal::kSenseIllegalRequest;
+
+namespace {
+
+double WallNow() {
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+double MonoNow() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 bool DirectionCarries(int direction, bool data_in) {
@@ -124,63 +72,6 @@ bool DirectionCarries(int direction, bool data_in) {
 }
 
 }  // namespace
-
-bool FaultKind::Covers(const FaultKind& command) const {
-    const FaultKind& fault = *this;
-    switch (fault.type) {
-        case FaultKind::Type::kAny:
-            return true;
-        case FaultKind::Type::kOpen:
-            return false;
-        case FaultKind::Type::kInquiry:
-            return command.type == FaultKind::Type::kPage;
-        case FaultKind::Type::kPage:
-            return command.type == FaultKind::Type::kPage && command.page == fault.page;
-        case FaultKind::Type::kOpcode:
-            if (command.type == FaultKind::Type::kPage) {
-                return fault.opcode == kOpInquiry;
-            }
-            return command.type == FaultKind::Type::kOpcode && command.opcode == fault.opcode;
-    }
-    return false;
-}
-
-namespace {
-
-void CheckCondition(SgResponse& r, std::uint8_t asc) {
-    r.status = kStatusCheckCondition;
-    r.driver_status = kDriverSense;
-    r.sense = FixedSense(kSenseIllegalRequest, asc, 0);
-}
-
-// The fixed bytes every vendor CDB carries.
-void CheckVendorCdb(const Bytes& cdb, std::vector<std::string>& issues, const std::string& prefix) {
-    if (cdb.size() != 16) {
-        issues.push_back(prefix + "cdb is " + std::to_string(cdb.size()) + " bytes, expected 16");
-        return;
-    }
-    const std::pair<std::size_t, std::uint8_t> fixed[] = {{1, 0x00}, {14, 0x81}, {15, 0x00}};
-    for (const auto& [at, want] : fixed) {
-        if (cdb[at] != want) {
-            issues.push_back(prefix + "cdb byte " + std::to_string(at) + " is " + Hex8(cdb[at]) +
-                             ", expected " + Hex8(want));
-        }
-    }
-}
-
-}  // namespace
-
-struct Model::Array {
-    ArrayConf conf;
-    std::deque<UploadAttempt> attempts;
-    std::uint64_t next_attempt = 0;
-    std::uint64_t dropped_attempts = 0;
-};
-
-struct Model::Lun {
-    std::uint64_t id = 0;
-    LunConf conf;
-};
 
 std::uint64_t Fnv1a64(const std::uint8_t* data, std::size_t len) {
     std::uint64_t h = 0xcbf29ce484222325ULL;
@@ -230,97 +121,6 @@ std::optional<Bytes> FromHex(const std::string& text) {
         return std::nullopt;
     }
     return out;
-}
-
-Bytes FixedSense(std::uint8_t key, std::uint8_t asc, std::uint8_t ascq) {
-    Bytes s(18, 0);
-    s[0] = 0x70;  // current error, fixed format
-    s[2] = key;
-    s[7] = 10;  // additional sense length
-    s[12] = asc;
-    s[13] = ascq;
-    return s;
-}
-
-FaultKind KindOfCdb(const Bytes& cdb) {
-    FaultKind k;
-    if (cdb.empty()) {
-        k.type = FaultKind::Type::kOpcode;
-        return k;
-    }
-    if (cdb[0] == kOpInquiry && cdb.size() >= 3) {
-        k.type = FaultKind::Type::kPage;
-        k.page = (cdb[1] & 0x01U) != 0 ? cdb[2] : kStandardPage;
-        return k;
-    }
-    k.type = FaultKind::Type::kOpcode;
-    k.opcode = cdb[0];
-    return k;
-}
-
-std::optional<FaultKind> FaultKind::Parse(const std::string& text) {
-    std::string t;
-    for (char c : text) {
-        t.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-    }
-    FaultKind k;
-    auto hex_byte = [](const std::string& digits) -> std::optional<std::uint8_t> {
-        auto b = FromHex(digits);
-        if (digits.size() != 2 || !b || b->size() != 1) {
-            return std::nullopt;
-        }
-        return (*b)[0];
-    };
-    if (t == "any") {
-        k.type = Type::kAny;
-    } else if (t == "open") {
-        k.type = Type::kOpen;
-    } else if (t == "inquiry") {
-        k.type = Type::kInquiry;
-    } else if (t == "std") {
-        k.type = Type::kPage;
-        k.page = kStandardPage;
-    } else if (t.rfind("page", 0) == 0) {
-        auto b = hex_byte(t.substr(4));
-        if (!b) {
-            return std::nullopt;
-        }
-        k.type = Type::kPage;
-        k.page = *b;
-    } else if (t == "c7" || t == "c9" || t == "ca") {
-        k.type = Type::kOpcode;
-        k.opcode = *hex_byte(t);
-    } else if (t.rfind("op", 0) == 0) {
-        auto b = hex_byte(t.substr(2));
-        if (!b) {
-            return std::nullopt;
-        }
-        k.type = Type::kOpcode;
-        k.opcode = *b;
-    } else {
-        return std::nullopt;
-    }
-    return k;
-}
-
-std::string FaultKind::Name() const {
-    switch (type) {
-        case Type::kAny:
-            return "any";
-        case Type::kOpen:
-            return "open";
-        case Type::kInquiry:
-            return "inquiry";
-        case Type::kPage:
-            return page == kStandardPage ? "std"
-                                         : "page" + ToHex({static_cast<std::uint8_t>(page)});
-        case Type::kOpcode:
-            if (opcode == kOpQuerySwitch || opcode == kOpHeartbeat || opcode == kOpWriteBuffer) {
-                return ToHex({opcode});
-            }
-            return "op" + ToHex({opcode});
-    }
-    return "any";
 }
 
 Model::Model(std::size_t max_records, std::size_t max_attempts)
@@ -492,119 +292,6 @@ Model::Array* Model::FindArrayLocked(const std::string& id) {
     return it == arrays_.end() ? nullptr : it->second.get();
 }
 
-std::optional<Bytes> Model::Page(const std::string& dev, int page) const {
-    std::lock_guard lock(mutex_);
-    const Lun* l = FindLunLocked(dev);
-    if (l == nullptr) {
-        return std::nullopt;
-    }
-    return PageLocked(*l, page);
-}
-
-std::optional<Bytes> Model::PageLocked(const Lun& lun, int page) const {
-    const LunConf& s = lun.conf;
-    const Array* array = nullptr;
-    if (!s.array.empty()) {
-        auto it = arrays_.find(s.array);
-        array = it == arrays_.end() ? nullptr : it->second.get();
-    }
-    Bytes p;
-    auto over = s.pages.find(page);
-    if (over != s.pages.end()) {
-        if (!over->second) {
-            return std::nullopt;
-        }
-        p = *over->second;
-    } else {
-        switch (page) {
-            case kStandardPage:
-                p.assign(kStandardInquiryLen, 0);
-                p[2] = 0x06;  // SPC-4
-                p[3] = 0x02;  // response data format
-                p[4] = static_cast<std::uint8_t>(kStandardInquiryLen - 5);
-                p[7] = 0x02;  // command queueing
-                PutField(p, 8, 8, s.vendor, ' ');
-                PutField(p, 16, 16, s.product, ' ');
-                PutField(p, 32, 4, s.revision, ' ');
-                break;
-            case 0x00: {
-                const std::uint8_t supported[] = {0x00, 0x80, 0x83, 0xC0, 0xC8};
-                p.assign(4, 0);
-                for (std::uint8_t code : supported) {
-                    auto o = s.pages.find(code);
-                    if (o == s.pages.end() || o->second) {
-                        p.push_back(code);
-                    }
-                }
-                p[3] = static_cast<std::uint8_t>(p.size() - 4);
-                break;
-            }
-            case 0x80: {
-                p.assign(kPage80Len, 0);
-                p[1] = 0x80;
-                p[3] = static_cast<std::uint8_t>(kPage80Len - 4);
-                // NUL padding keeps a short serial a valid letters-and-digits text.
-                if (s.serial) {
-                    PutBytes(p, 4, kSerialLen, *s.serial);
-                } else if (array != nullptr) {
-                    PutField(p, 4, kSerialLen, array->conf.sn, 0);
-                }
-                break;
-            }
-            case 0x83: {
-                p.assign(kPage83Len, 0);
-                p[1] = 0x83;
-                p[3] = static_cast<std::uint8_t>(kPage83Len - 4);
-                p[4] = 0x01;  // binary code set
-                p[5] = 0x03;  // NAA designator, associated with the LUN
-                p[7] = 16;
-                const Wwn w = s.wwn ? *s.wwn : DefaultWwn(s);
-                std::copy(w.begin(), w.end(), p.begin() + 8);
-                break;
-            }
-            case 0xC0:
-                p.assign(kPageC0Len, 0);
-                p[1] = 0xC0;
-                PutBe16(p, 2, static_cast<std::uint16_t>(kPageC0Len - 4));
-                if (array != nullptr) {
-                    p[184] = array->conf.major;
-                    p[186] = array->conf.minor;
-                }
-                break;
-            case 0xC8: {
-                p.assign(kPageC8Len, 0);
-                p[1] = 0xC8;
-                PutBe16(p, 2, static_cast<std::uint16_t>(kPageC8Len - 4));
-                PutField(p, 29, kShortNameLen, s.name, 0);
-                Bytes name;
-                if (s.array_name) {
-                    name = *s.array_name;
-                } else if (array != nullptr) {
-                    name.assign(array->conf.name.begin(), array->conf.name.end());
-                }
-                p[106] = static_cast<std::uint8_t>(name.size());
-                PutBytes(p, 107, kArrayNameMax, name);
-                PutBe16(p, 206, s.name_selector ? *s.name_selector : (s.long_name.empty() ? 0 : 1));
-                PutField(p, 208, kLongNameLen, s.long_name, 0);
-                break;
-            }
-            default:
-                return std::nullopt;
-        }
-    }
-    for (const PagePatch& patch : s.patches) {
-        if (patch.page != page) {
-            continue;
-        }
-        if (p.size() < patch.offset + patch.bytes.size()) {
-            p.resize(patch.offset + patch.bytes.size(), 0);
-        }
-        std::copy(patch.bytes.begin(), patch.bytes.end(),
-                  p.begin() + static_cast<std::ptrdiff_t>(patch.offset));
-    }
-    return p;
-}
-
 int Model::Open(std::uint64_t lun_id, int flags, int pid) {
     std::lock_guard lock(mutex_);
     OpenRecord rec;
@@ -665,33 +352,6 @@ void Model::Write(std::uint64_t lun_id, int pid, std::uint64_t offset, const std
     if (writes_.size() > max_records_) {
         writes_.pop_front();
     }
-}
-
-Fault* Model::MatchFaultLocked(const std::string& dev, const FaultKind& kind, int open_flags) {
-    for (Fault& f : faults_) {
-        const FaultConf& s = f.conf;
-        if (s.lun != "*" && s.lun != dev) {
-            continue;
-        }
-        if (kind.type == FaultKind::Type::kOpen) {
-            if (s.kind.type != FaultKind::Type::kOpen ||
-                (s.open_mode >= 0 && s.open_mode != open_flags)) {
-                continue;
-            }
-        } else if (!s.kind.Covers(kind)) {
-            continue;
-        }
-        ++f.seen;
-        if (f.seen <= s.after) {
-            continue;
-        }
-        if (s.count != 0 && f.hits >= s.count) {
-            continue;
-        }
-        ++f.hits;
-        return &f;
-    }
-    return nullptr;
 }
 
 SgResponse Model::Execute(const SgRequest& request) {
@@ -840,215 +500,6 @@ std::uint32_t Model::Dispatch(Lun& lun, const SgRequest& request, std::uint64_t 
     return static_cast<std::uint32_t>(n);
 }
 
-void Model::AnswerInquiry(const Lun& lun, const SgRequest& request, SgResponse& response) const {
-    const Bytes& cdb = request.cdb;
-    const bool evpd = (cdb[1] & 0x01U) != 0;
-    if (!evpd && cdb[2] != 0) {
-        CheckCondition(response, kAscInvalidFieldInCdb);
-        return;
-    }
-    const std::uint32_t alloc = (static_cast<std::uint32_t>(cdb[3]) << 8U) | cdb[4];
-    auto page = PageLocked(lun, evpd ? cdb[2] : kStandardPage);
-    if (!page) {
-        CheckCondition(response, kAscInvalidFieldInCdb);
-        return;
-    }
-    const std::size_t n = std::min<std::size_t>({alloc, page->size(), request.dxfer_len});
-    page->resize(n);
-    response.data_in = std::move(*page);
-}
-
-void Model::RecordHeartbeat(const Lun& lun, const SgRequest& request, std::uint64_t seq,
-                            const Bytes& payload) {
-    HeartbeatRecord hb;
-    hb.seq = seq;
-    hb.time = Now();
-    hb.lun = lun.conf.dev;
-    hb.array = lun.conf.array;
-    hb.cdb = request.cdb;
-    hb.payload = payload;
-    CheckVendorCdb(request.cdb, hb.issues, "");
-    const std::uint64_t address = Be64(request.cdb, 2);
-    if (address != 0) {
-        hb.issues.push_back("address field is " + std::to_string(address) + ", expected 0");
-    }
-    const std::uint32_t length = Be32(request.cdb, 10);
-    if (length != payload.size()) {
-        hb.issues.push_back("length field " + std::to_string(length) +
-                            " differs from transfer length " + std::to_string(payload.size()));
-    }
-    if (payload.size() != kHeartbeatPayloadLen) {
-        hb.issues.push_back("payload is " + std::to_string(payload.size()) + " bytes, expected 28");
-    }
-    const std::pair<std::size_t, std::uint8_t> fixed[] = {
-        {0, 0x00}, {1, 0x81}, {2, 0x00}, {3, 0x1C}, {24, 0x00}, {26, 0x00}, {27, 0x00}};
-    for (const auto& [at, want] : fixed) {
-        if (at < payload.size() && payload[at] != want) {
-            hb.issues.push_back("payload byte " + std::to_string(at) + " is " + Hex8(payload[at]) +
-                                ", expected " + Hex8(want));
-        }
-    }
-    heartbeats_.push_back(std::move(hb));
-}
-
-void Model::RecordChunk(Lun& lun, const SgRequest& request, std::uint64_t seq,
-                        const Bytes& transfer) {
-    Array* a = FindArrayLocked(lun.conf.array);
-    const std::uint64_t offset = Be64(request.cdb, 2);
-    UploadAttempt* cur = a->attempts.empty() ? nullptr : &a->attempts.back();
-    if (cur == nullptr || (offset == 0 && cur->has_offset0)) {
-        UploadAttempt fresh;
-        fresh.index = a->next_attempt++;
-        fresh.array = a->conf.id;
-        fresh.started = Now();
-        a->attempts.push_back(std::move(fresh));
-        while (a->attempts.size() > max_attempts_) {
-            a->attempts.pop_front();
-            ++a->dropped_attempts;
-        }
-        cur = &a->attempts.back();
-    }
-    UploadAttempt& at = *cur;
-    const std::string prefix = "chunk at offset " + std::to_string(offset) + ": ";
-    CheckVendorCdb(request.cdb, at.issues, prefix);
-    const std::uint32_t length = Be32(request.cdb, 10);
-    if (length != transfer.size()) {
-        at.issues.push_back(prefix + "length field " + std::to_string(length) +
-                            " differs from transfer length " + std::to_string(transfer.size()));
-    }
-    if (std::find(at.luns.begin(), at.luns.end(), lun.conf.dev) == at.luns.end()) {
-        at.luns.push_back(lun.conf.dev);
-    }
-    if (offset == 0) {
-        at.has_offset0 = true;
-    }
-    ChunkRecord chunk{seq, lun.conf.dev, offset, 0};
-    const bool duplicate = !at.offsets_seen.insert(offset).second;
-    if (duplicate) {
-        at.issues.push_back(prefix + "received again");
-    }
-    if (transfer.size() < kChunkHeaderLen) {
-        at.issues.push_back(prefix + "transfer of " + std::to_string(transfer.size()) +
-                            " bytes is shorter than the 32-byte header");
-        at.chunks.push_back(chunk);
-        return;
-    }
-    if (transfer.size() > kChunkTransferMax) {
-        at.issues.push_back(prefix + "transfer of " + std::to_string(transfer.size()) +
-                            " bytes exceeds 4096");
-    }
-    const std::pair<std::size_t, std::uint8_t> fixed[] = {
-        {0, 0x00}, {1, 0x81}, {6, 0x10}, {7, 0x00}, {29, 0x00}, {30, 0x00}, {31, 0x00}};
-    for (const auto& [pos, want] : fixed) {
-        if (transfer[pos] != want) {
-            at.issues.push_back(prefix + "header byte " + std::to_string(pos) + " is " +
-                                Hex8(transfer[pos]) + ", expected " + Hex8(want));
-        }
-    }
-    const std::uint32_t size = Be32(transfer, 2);
-    Version versions{};
-    std::copy(transfer.begin() + 8, transfer.begin() + 12, versions.begin());
-    std::array<std::uint8_t, 16> ip{};
-    std::copy(transfer.begin() + 12, transfer.begin() + 28, ip.begin());
-    const std::uint8_t ip_type = transfer[28];
-    const bool first_header = std::none_of(at.chunks.begin(), at.chunks.end(),
-                                           [](const ChunkRecord& c) { return c.length > 0; }) &&
-                              at.size == 0 && at.data.empty();
-    if (first_header) {
-        at.size = size;
-        at.versions = versions;
-        at.host_ip = ip;
-        at.ip_type = ip_type;
-        if (size == 0) {
-            at.issues.push_back(prefix + "archive size is 0");
-        } else if (size > kMaxKeptArchive) {
-            at.issues.push_back(prefix + "archive size " + std::to_string(size) +
-                                " is too large to keep");
-        } else {
-            at.data.assign(size, 0);
-        }
-    } else {
-        if (size != at.size) {
-            at.issues.push_back(prefix + "size " + std::to_string(size) + " differs from size " +
-                                std::to_string(at.size) + " of the first chunk");
-        }
-        if (versions != at.versions) {
-            at.issues.push_back(prefix + "versions " +
-                                ToHex(Bytes(versions.begin(), versions.end())) +
-                                " differ from the first chunk's " +
-                                ToHex(Bytes(at.versions.begin(), at.versions.end())));
-        }
-        if (ip != at.host_ip) {
-            at.issues.push_back(prefix + "host address differs from the first chunk's");
-        }
-        if (ip_type != at.ip_type) {
-            at.issues.push_back(prefix + "address type " + std::to_string(ip_type) +
-                                " differs from the first chunk's " + std::to_string(at.ip_type));
-        }
-    }
-    const std::size_t n = transfer.size() - kChunkHeaderLen;
-    chunk.length = n;
-    at.chunks.push_back(chunk);
-    if (offset % kChunkDataMax != 0) {
-        at.issues.push_back(prefix + "offset is not a multiple of 4064");
-    }
-    const std::uint64_t total = at.size;
-    if (offset + n > total) {
-        at.issues.push_back(prefix + "ends at " + std::to_string(offset + n) +
-                            " beyond the archive size " + std::to_string(total));
-    } else {
-        const std::uint64_t expected = std::min<std::uint64_t>(kChunkDataMax, total - offset);
-        if (n != expected) {
-            at.issues.push_back(prefix + "carries " + std::to_string(n) + " data bytes, expected " +
-                                std::to_string(expected));
-        }
-    }
-    if (at.data.empty() || offset >= at.data.size()) {
-        return;
-    }
-    const std::uint64_t end = std::min<std::uint64_t>(offset + n, at.data.size());
-    std::copy(transfer.begin() + kChunkHeaderLen,
-              transfer.begin() + static_cast<std::ptrdiff_t>(kChunkHeaderLen + (end - offset)),
-              at.data.begin() + static_cast<std::ptrdiff_t>(offset));
-    // Coverage: the union of the chunk ranges inside the archive.
-    at.received += AddCoverage(at.coverage, offset, end);
-    at.complete = at.received == total;
-}
-
-std::uint64_t Model::AddFault(const FaultConf& conf) {
-    std::lock_guard lock(mutex_);
-    Fault f;
-    f.id = next_fault_id_++;
-    f.conf = conf;
-    faults_.push_back(f);
-    return f.id;
-}
-
-bool Model::ClearFault(std::uint64_t id) {
-    std::lock_guard lock(mutex_);
-    auto it =
-        std::find_if(faults_.begin(), faults_.end(), [&](const Fault& f) { return f.id == id; });
-    if (it == faults_.end()) {
-        return false;
-    }
-    faults_.erase(it);
-    return true;
-}
-
-std::size_t Model::ClearFaults(const std::string& lun) {
-    std::lock_guard lock(mutex_);
-    const std::size_t before = faults_.size();
-    faults_.erase(std::remove_if(faults_.begin(), faults_.end(),
-                                 [&](const Fault& f) { return lun.empty() || f.conf.lun == lun; }),
-                  faults_.end());
-    return before - faults_.size();
-}
-
-std::vector<Fault> Model::Faults() const {
-    std::lock_guard lock(mutex_);
-    return faults_;
-}
-
 std::vector<CommandRecord> Model::Commands() const {
     std::lock_guard lock(mutex_);
     return {commands_.begin(), commands_.end()};
@@ -1069,29 +520,6 @@ std::vector<HeartbeatRecord> Model::Heartbeats() const {
     return heartbeats_;
 }
 
-std::vector<UploadAttempt> Model::Uploads() const {
-    std::lock_guard lock(mutex_);
-    std::vector<UploadAttempt> out;
-    for (const auto& [id, a] : arrays_) {
-        out.insert(out.end(), a->attempts.begin(), a->attempts.end());
-    }
-    return out;
-}
-
-std::optional<UploadAttempt> Model::Upload(const std::string& array, std::uint64_t index) const {
-    std::lock_guard lock(mutex_);
-    auto it = arrays_.find(array);
-    if (it == arrays_.end()) {
-        return std::nullopt;
-    }
-    for (const UploadAttempt& at : it->second->attempts) {
-        if (at.index == index) {
-            return at;
-        }
-    }
-    return std::nullopt;
-}
-
 std::uint64_t Model::DroppedCommands() const {
     std::lock_guard lock(mutex_);
     return dropped_commands_;
@@ -1110,5 +538,4 @@ void Model::ResetRecords() {
         a->dropped_attempts = 0;
     }
 }
-
 }  // namespace vnarray

@@ -7,15 +7,12 @@
 //   ping                                  -> {}
 //   state                                 -> {"arrays", "luns", "faults"}
 //   raise-switch   array, version         -> switch byte 1 with that version
-//   lower-switch   array                  -> switch byte 0
 //   set-switch     array, switch, [version]
 //   set-version    array, major, minor    -> page 0xC0 software version
-//   add-array      array fields (or {"array": {...}})
 //   add-lun        LUN fields (or {"lun": {...}}) -> file, /dev node, /sys/block dir
 //   remove-lun     dev
 //   inject         fault fields           -> {"id"}
 //   clear          [id] [lun]             -> {"cleared"}; neither clears all
-//   faults                                -> {"faults"}
 //   commands       [lun] [kind] [since] [data=false] -> {"commands", "dropped"}
 //   opens          [lun]                  -> {"opens"}
 //   writes         [lun]                  -> {"writes"}: plain write(2) calls on a LUN
@@ -23,7 +20,6 @@
 //   uploads        [array]                -> {"uploads"} (without the bytes)
 //   upload-data    array, [index]         -> {"data": hex} (default: the last attempt)
 //   save-upload    array, [index], path   -> writes the received bytes to path
-//   page           dev, page ("std", "80", ...) -> {"hex"} as the LUN answers it
 //   reset                                 -> forgets every record
 //   quit                                  -> takes the LUNs away and stops
 // "array" may be left out while there is exactly one array.
@@ -73,6 +69,9 @@ class Installer {
     std::map<std::string, Entry> entries_;
 };
 
+// One control request against the model (requests.cc); *quit is set by "quit".
+Json HandleRequest(Model& model, Installer& installer, const Json& request, bool* quit);
+
 struct ServerOptions {
     std::string mount_dir;
     std::string socket_path;
@@ -103,7 +102,6 @@ class Server {
     void ControlThread();
     bool Setup(std::string* error);
     void Serve();
-    std::string ResolveArray(const Json& request, std::string* error) const;
 
     Model& model_;
     FuseFront& front_;
