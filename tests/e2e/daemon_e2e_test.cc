@@ -539,6 +539,7 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     }
     WriteFile("/run/vnadmin/show_vlun", listing);
     WriteFile(std::string(kScriptDir) + "/hic_collect.sh", kFleetScript);
+    WriteFile("/etc/vn.hostinfo", "IpType=IPv6;\nIpAddress=2001:db8::1;\n");
     array.RaiseSwitch("ARRAY01", "0A0B0C0D");
     array.RaiseSwitch("ARRAY02", "00000002");
     array.RaiseSwitch("ARRAY03", "00000001");
@@ -556,11 +557,11 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     })) << LoggedMessages();
 
     // What the arrays got: the heartbeats and chunks carry each array's
-    // collect version and the settings' address (10.10.1.20, IPv4 is 0).
-    const hic_test::Bytes ip = hic_test::Hex("0A0A0114 000000000000000000000000");
+    // collect version and the settings' address (2001:db8::1, IPv6 is 1).
+    const hic_test::Bytes ip = hic_test::Hex("20010DB8 000000000000000000000001");
     const std::map<std::string, hic_test::HostFields> hosts = {
-        {"ARRAY01", {hic_test::Hex("0A0B0C0D"), ip, 0}},
-        {"ARRAY02", {hic_test::Hex("00000002"), ip, 0}}};
+        {"ARRAY01", {hic_test::Hex("0A0B0C0D"), ip, 1}},
+        {"ARRAY02", {hic_test::Hex("00000002"), ip, 1}}};
     hic_test::ExpectEveryCommand(array.Commands(), hosts);
     // The other vendor's disk gets its standard INQUIRY only; the old array
     // is never asked for its switch.
@@ -652,6 +653,45 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
         WaitForLog("DEBUG HIC_IsValidToExecuteCollectTask: the versions are not change, not "
                    "execute collect.\n"));
     EXPECT_EQ(array.Uploads("ARRAY01").size(), 1U);
+}
+
+// On a clock a hundred times faster, every write takes 110 seconds and
+// fails: the first LUN fails at 110 s and the second at 220 s, each within
+// the 300-second budget, so the next LUN is tried; the third fails at 330 s,
+// past it, and the fourth is never tried.
+TEST_F(DaemonE2eTest, UploadGivesUpOnceItsBudgetIsSpent) {
+    ASSERT_EQ(rig_->Stop(), 0);
+    rig_ = std::make_unique<vnarray::Rig>(vnarray::Json::parse(R"({
+        "arrays": [{"sn": "ARRAY09", "name": "slow"}],
+        "luns": [{"dev": "sdb", "array": "ARRAY09"}, {"dev": "sdc", "array": "ARRAY09"},
+                 {"dev": "sdd", "array": "ARRAY09"}, {"dev": "sde", "array": "ARRAY09"}]})"));
+    rig_->Start();
+    vnarray::Client& array = rig_->client();
+    WriteFile("/run/vnadmin/show_vlun", "");
+    array.InjectFault({{"kind", "ca"}, {"status", 2}, {"delay_ms", 1100}});
+    array.RaiseSwitch("ARRAY09", "00000001");
+    ASSERT_EQ(Start("", "FAKETIME='+0 x100'"), 0);
+    ASSERT_GT(WaitForDaemon(), 0);
+    ASSERT_TRUE(WaitForLog(
+        "ERR HIC_CollectTaskThread: array{sn:ARRAY09} collect task execute failed.\n", 60000))
+        << LoggedMessages();
+
+    std::vector<std::string> order;
+    for (const std::string& dev : BlockOrder()) {
+        order.push_back("/dev/" + dev);
+    }
+    ASSERT_EQ(order.size(), 4U);
+    const hic_test::LogList failed =
+        hic_test::LinesStartingWith(hic_test::LogLines(), "ERR HIC_WriteCollectResultToArray: ");
+    EXPECT_EQ(failed,
+              hic_test::LogList(
+                  {"ERR HIC_WriteCollectResultToArray: Write to array{sn:ARRAY09} failed on dev " +
+                       order[0] + ".\n",
+                   "ERR HIC_WriteCollectResultToArray: Write to array{sn:ARRAY09} failed on dev " +
+                       order[1] + ".\n",
+                   "ERR HIC_WriteCollectResultToArray: Write to array{sn:ARRAY09} failed on dev " +
+                       order[2] + ".\n"}));
+    EXPECT_TRUE(array.Commands({{"kind", "ca"}, {"lun", order[3].substr(5)}}).empty());
 }
 
 }  // namespace

@@ -107,18 +107,6 @@ TEST_P(GetIpAndTypeTest, ReadsBothValues) {
 INSTANTIATE_TEST_SUITE_P(Grammar, GetIpAndTypeTest, ::testing::ValuesIn(kFileCases),
                          hic_test::CaseName());
 
-TEST_F(SandboxTest, RefusesBadArguments) {
-    WriteSettings("IpType=IPv4;\nIpAddress=1.2.3.4;\n");
-    std::vector<char> ip(kLen, '\0');
-    std::vector<char> type(kLen, '\0');
-    EXPECT_EQ(HIC_GetIpAndType(ip.data(), type.data(), 0), -1);
-    EXPECT_EQ(HIC_GetIpAndType(ip.data(), type.data(), -5), -1);
-    EXPECT_EQ(HIC_GetIpAndType(nullptr, type.data(), kLen), -1);
-    EXPECT_EQ(HIC_GetIpAndType(ip.data(), nullptr, kLen), -1);
-    EXPECT_EQ(HIC_StringTrim(nullptr, kLen), -1);
-    EXPECT_EQ(LoggedMessages(), "");
-}
-
 // The reader hands over the piece, then zeros up to size, nothing beyond.
 TEST_F(SandboxTest, ReadFileByLineCopiesExactlySizeBytes) {
     WriteSettings("first line\nsecond KEY= line\nthird KEY=\n");
@@ -128,25 +116,6 @@ TEST_F(SandboxTest, ReadFileByLineCopiesExactlySizeBytes) {
     expected.resize(kLen, '\0');
     expected.append(16, '\xAA');
     EXPECT_EQ(std::string(out.data(), out.size()), expected);
-}
-
-// The size also sets the piece length: size 8 reads pieces of 7 characters.
-TEST_F(SandboxTest, ReadFileByLinePieceFollowsSize) {
-    WriteSettings("abcdefgKEY\nKEYxxxxxxx\n");
-    std::vector<char> out(8, '\xAA');
-    ASSERT_EQ(HIC_ReadFileByLine(HIC_HOST_INFO_PATH, "KEY", out.data(), 8), 0);
-    EXPECT_EQ(std::string(out.data(), out.size()), std::string("KEY\n\0\0\0\0", 8));
-    // "KEYxxxx" only comes after "abcdefg" and "KEY\n": the first match wins.
-    WriteSettings("abcdefKEYxxxx\n");
-    ASSERT_EQ(HIC_ReadFileByLine(HIC_HOST_INFO_PATH, "KEY", out.data(), 8), -1);
-    EXPECT_EQ(LoggedMessages(), "");
-}
-
-TEST_F(SandboxTest, ReadFileByLineMissingFileLogsPath) {
-    std::vector<char> out(kLen, '\xAA');
-    EXPECT_EQ(HIC_ReadFileByLine("/etc/no.such.file", "KEY", out.data(), kLen), -1);
-    EXPECT_EQ(std::string(out.data(), out.size()), std::string(kLen, '\xAA'));
-    EXPECT_EQ(LoggedMessages(), "ERR HIC_ReadFileByLine: fopen /etc/no.such.file file error.\n");
 }
 
 struct ValueCase {
@@ -190,41 +159,6 @@ TEST_P(GetValueFromLineTest, CopiesValueWithoutTerminator) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Lines, GetValueFromLineTest, ::testing::ValuesIn(kValueCases),
-                         hic_test::CaseName());
-
-struct TrimCase {
-    const char* name;
-    std::string text;
-    int32_t rc;
-    std::string result;
-};
-
-const TrimCase kTrimCases[] = {
-    {"Empty", "", -1, ""},
-    {"NothingToTrim", "abc", 0, "abc"},
-    {"BothSides", "  a b  ", 0, "a b"},
-    {"EveryWhiteSpaceKind", "\t\n\v\f\r x\r\n\f\v\t ", 0, "x"},
-    {"WhiteSpaceOnly", " \t\r\n", 0, ""},
-    {"OtherControlKept",
-     "\x1c"
-     "a\x1c",
-     0,
-     "\x1c"
-     "a\x1c"},
-    {"SingleChar", "z", 0, "z"},
-};
-
-class StringTrimTest : public SandboxTest, public ::testing::WithParamInterface<TrimCase> {};
-
-TEST_P(StringTrimTest, TrimsInPlace) {
-    const TrimCase& c = GetParam();
-    std::vector<char> buf = LineBuffer(c.text, 32);
-    EXPECT_EQ(HIC_StringTrim(buf.data(), 32), c.rc);
-    EXPECT_EQ(std::string(buf.data()), c.result);
-    EXPECT_EQ(LoggedMessages(), "");
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, StringTrimTest, ::testing::ValuesIn(kTrimCases),
                          hic_test::CaseName());
 
 // A text filling its buffer without a terminator is trimmed within it: no
