@@ -2,8 +2,6 @@
 
 #include <pthread.h>
 
-#include <cstring>
-
 #include "bounded/bounded.h"
 #include "collect/result_upload.h"
 #include "collect/switch_poll.h"
@@ -62,11 +60,7 @@ int HIC_GetCollectScriptFromArray(HIC_ArrayInfo* array) {
     }
     int failed = 0;
     bool answered = false;
-    for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
-        const auto* lun = reinterpret_cast<const HIC_LunInfo*>(p);
-        if (std::strcmp(lun->arraySn, array->arraySn) != 0) {
-            continue;
-        }
+    for (const HIC_LunInfo* lun : hic::LunsOf(HIC_GetLunListHead(), array->arraySn)) {
         if (failed >= HIC_MAX_QUERY_LUNS) {
             return -1;
         }

@@ -1,6 +1,5 @@
 #include "collect/result_upload.h"
 
-#include <cstring>
 #include <ctime>
 
 #include "base/coding.h"
@@ -150,11 +149,7 @@ void HIC_WriteCollectResultToArray(HIC_ArrayInfo* array) {
     }
     ResultWriteLock lock;
     const time_t start = std::time(nullptr);
-    for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
-        const auto* lun = reinterpret_cast<const HIC_LunInfo*>(p);
-        if (std::strcmp(lun->arraySn, array->arraySn) != 0) {
-            continue;
-        }
+    for (const HIC_LunInfo* lun : hic::LunsOf(&HIC_LunListHead, array->arraySn)) {
         HIC_LOG(HIC_LOG_INFO, "begin write result array{sn:%s} by lun{%s}.\n", array->arraySn,
                 lun->devPath);
         if (HIC_WriteResultToArray(lun, array) == 0) {

@@ -17,8 +17,7 @@ int HIC_GetHostCollectSwitchInfo() {
         HIC_FreeArrayList();
         return -1;
     }
-    for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
-        auto* array = reinterpret_cast<HIC_ArrayInfo*>(p);
+    for (HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&HIC_ArrayListHead)) {
         // Idle is not enough: the previous task's threads must also be gone,
         // or the new task could lose its workspace to the ending one.
         if (HIC_IsArrayReleased(array)) {

@@ -3,8 +3,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "base/handles.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
@@ -81,10 +79,8 @@ void* HIC_SendC9ToArray(void* arg) {
             HIC_BuildHeartBeatPayload(bytes, array);
             // The first LUN of the array carries the heartbeats; a failed one
             // is not tried again by this thread.
-            for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
-                const auto* lun = reinterpret_cast<const HIC_LunInfo*>(p);
-                if (std::strcmp(lun->arraySn, array->arraySn) == 0 &&
-                    HIC_SendHeartBeatByLun(lun, bytes, array) != -1) {
+            for (const HIC_LunInfo* lun : hic::LunsOf(&HIC_LunListHead, array->arraySn)) {
+                if (HIC_SendHeartBeatByLun(lun, bytes, array) != -1) {
                     break;
                 }
             }

@@ -11,8 +11,8 @@ namespace {
 constexpr uint32_t kSnChars = HIC_ARRAY_SN_LEN - 1;
 
 bool HasArray(const char* sn) {
-    for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
-        if (std::strcmp(reinterpret_cast<HIC_ArrayInfo*>(p)->arraySn, sn) == 0) {
+    for (const HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&HIC_ArrayListHead)) {
+        if (std::strcmp(array->arraySn, sn) == 0) {
             return true;
         }
     }
@@ -22,8 +22,7 @@ bool HasArray(const char* sn) {
 }  // namespace
 
 int HIC_GetArrayList() {
-    for (HIC_ListHead* p = HIC_LunListHead.next; p != &HIC_LunListHead; p = p->next) {
-        const HIC_LunInfo* lun = reinterpret_cast<HIC_LunInfo*>(p);
+    for (const HIC_LunInfo* lun : hic::EntriesOf<HIC_LunInfo>(&HIC_LunListHead)) {
         if (std::strcmp(lun->arraySn, HIC_NO_VALUE) == 0 || lun->arraySn[0] == '\0' ||
             HasArray(lun->arraySn)) {
             continue;

@@ -49,19 +49,13 @@ Record* AllocZeroed() {
     return new (mem) Record();
 }
 
-// Unlinks and frees every record of the list for which keep() is false.
-// The following record is taken before the current one is freed.
-template <typename Keep>
-void FreeListWhere(HIC_ListHead* head, Keep keep) {
-    HIC_ListHead* cur = head->next;
-    HIC_ListHead* following = cur->next;
-    while (cur != head) {
-        if (!keep(cur)) {
-            HIC_ListDel(cur);
-            std::free(cur);
-        }
-        cur = following;
-        following = cur->next;
+// Unlinks and frees every record of the list that drop() selects.
+template <typename Record, typename Drop>
+void FreeWhere(HIC_ListHead* head, Drop drop) {
+    for (Record* record : hic::ListWalk<Record, Drop>(head, drop)) {
+        auto* link = reinterpret_cast<HIC_ListHead*>(record);
+        HIC_ListDel(link);
+        std::free(link);
     }
 }
 
@@ -81,13 +75,11 @@ bool HIC_IsArrayReleased(const HIC_ArrayInfo* array) {
 }
 
 void HIC_FreeLunList() {
-    FreeListWhere(&HIC_LunListHead, [](HIC_ListHead*) { return false; });
+    FreeWhere<HIC_LunInfo>(&HIC_LunListHead, hic::AnyRecord<HIC_LunInfo>);
 }
 
 void HIC_FreeArrayList() {
-    FreeListWhere(&HIC_ArrayListHead, [](HIC_ListHead* node) {
-        return !HIC_IsArrayReleased(reinterpret_cast<HIC_ArrayInfo*>(node));
-    });
+    FreeWhere<HIC_ArrayInfo>(&HIC_ArrayListHead, HIC_IsArrayReleased);
 }
 
 void HIC_CleanUpLunInfoList(HIC_ListHead* head) {
@@ -95,7 +87,7 @@ void HIC_CleanUpLunInfoList(HIC_ListHead* head) {
         HIC_LOG(HIC_LOG_ERROR, "invalid argument \n");
         return;
     }
-    FreeListWhere(head, [](HIC_ListHead*) { return false; });
+    FreeWhere<HIC_ListHead>(head, hic::AnyRecord<HIC_ListHead>);
 }
 
 // A link pointer is its record's address only while the link comes first in

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 
 #include "settings/host_address.h"
 
@@ -93,5 +94,77 @@ void HIC_FreeArrayList();
 // Frees every record of a temporary list whose records begin with their
 // link; the head itself stays, empty.
 void HIC_CleanUpLunInfoList(HIC_ListHead* head);
+
+namespace hic {
+
+// The typed walk over a list whose records begin with their link, oldest
+// first: for (HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&head)).
+// Only records for which match() holds are visited. Like the kernel's
+// list_for_each_entry_safe, the next link is read before the body runs, so
+// the body may unlink and free the record it was given (and no other of
+// that list); a record appended to the walked list meanwhile may be missed.
+template <typename Record, typename Match = bool (*)(const Record*)>
+class ListWalk {
+  public:
+    class Iterator {
+      public:
+        Iterator(HIC_ListHead* cur, const ListWalk* walk)
+            : cur_(cur), next_(cur->next), walk_(walk) {
+            Settle();
+        }
+        Record* operator*() const { return reinterpret_cast<Record*>(cur_); }
+        Iterator& operator++() {
+            Step();
+            Settle();
+            return *this;
+        }
+        bool operator!=(const Iterator& other) const { return cur_ != other.cur_; }
+
+      private:
+        void Step() {
+            cur_ = next_;
+            next_ = cur_->next;
+        }
+        void Settle() {
+            while (cur_ != walk_->head_ && !walk_->match_(reinterpret_cast<Record*>(cur_))) {
+                Step();
+            }
+        }
+
+        HIC_ListHead* cur_;
+        HIC_ListHead* next_;
+        const ListWalk* walk_;
+    };
+
+    ListWalk(HIC_ListHead* head, Match match) : head_(head), match_(match) {}
+    Iterator begin() const { return Iterator(head_->next, this); }
+    Iterator end() const { return Iterator(head_, this); }
+
+  private:
+    HIC_ListHead* head_;
+    Match match_;
+};
+
+template <typename Record>
+bool AnyRecord(const Record* /*record*/) {
+    return true;
+}
+
+// Every record of the list.
+template <typename Record>
+ListWalk<Record> EntriesOf(HIC_ListHead* head) {
+    return ListWalk<Record>(head, AnyRecord<Record>);
+}
+
+// The LUNs of the array with serial number sn.
+struct SameArraySn {
+    const char* sn;
+    bool operator()(const HIC_LunInfo* lun) const { return std::strcmp(lun->arraySn, sn) == 0; }
+};
+inline ListWalk<HIC_LunInfo, SameArraySn> LunsOf(HIC_ListHead* head, const char* sn) {
+    return ListWalk<HIC_LunInfo, SameArraySn>(head, SameArraySn{sn});
+}
+
+}  // namespace hic
 
 #endif  // HIC_INVENTORY_LISTS_H

@@ -15,24 +15,20 @@ constexpr int kDevNameToken = 1;  // the 2nd token, counted from 0
 constexpr int kWwnToken = 3;      // the 4th token
 
 bool AnyArrayBusy() {
-    for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
-        if (reinterpret_cast<HIC_ArrayInfo*>(p)->taskState.load() != HIC_TASK_IDLE) {
+    for (const HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&HIC_ArrayListHead)) {
+        if (array->taskState.load() != HIC_TASK_IDLE) {
             return true;
         }
     }
     return false;
 }
 
-// First entry that names the LUN's device and carries its WWN. The analyzer
-// loses track of the unlinking before each free in the callers' walks and
-// reports the nodes still linked as freed.
+// First entry that names the LUN's device and carries its WWN.
 HIC_VnLunInfo* FindConfirmation(HIC_ListHead* head, const HIC_LunInfo* lun) {
-    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc)
-    for (HIC_ListHead* p = head->next; p != head; p = p->next) {
-        auto* entry = reinterpret_cast<HIC_VnLunInfo*>(p);
+    for (HIC_VnLunInfo* entry : hic::EntriesOf<HIC_VnLunInfo>(head)) {
         if (std::strstr(lun->devPath, entry->devName) != nullptr &&
             std::strcmp(entry->lunWwn, lun->lunWwn) == 0) {
-            return entry;  // NOLINT(clang-analyzer-unix.Malloc)
+            return entry;
         }
     }
     return nullptr;
@@ -118,22 +114,18 @@ int HIC_CheckAndClearLunListByVnadm(HIC_ListHead* head) {
     if (AnyArrayBusy()) {
         return -1;
     }
-    HIC_ListHead* cur = HIC_LunListHead.next;
-    while (cur != &HIC_LunListHead) {
-        HIC_ListHead* following = cur->next;
-        auto* lun = reinterpret_cast<HIC_LunInfo*>(cur);
+    for (HIC_LunInfo* lun : hic::EntriesOf<HIC_LunInfo>(&HIC_LunListHead)) {
         if (std::strcmp(lun->arraySn, HIC_NO_VALUE) == 0) {
-            HIC_ListDel(cur);
+            HIC_ListDel(&lun->list);
             std::free(lun);
         } else if (HIC_VnLunInfo* entry = FindConfirmation(head, lun); entry != nullptr) {
             HIC_ListDel(&entry->list);
             std::free(entry);
         } else {
             HIC_LOG(HIC_LOG_DEBUG, "clear device %s by vnadm output.\n", lun->devPath);
-            HIC_ListDel(cur);
+            HIC_ListDel(&lun->list);
             std::free(lun);
         }
-        cur = following;
     }
     return 0;
 }
@@ -144,9 +136,7 @@ int HIC_RefreshLunListByVnadm(HIC_ListHead* head) {
         return -1;
     }
     char devPath[HIC_PATH_LEN];
-    // NOLINTNEXTLINE(clang-analyzer-unix.Malloc): see FindConfirmation
-    for (HIC_ListHead* p = head->next; p != head; p = p->next) {
-        const auto* entry = reinterpret_cast<HIC_VnLunInfo*>(p);
+    for (const HIC_VnLunInfo* entry : hic::EntriesOf<HIC_VnLunInfo>(head)) {
         (void)memset_s(devPath, sizeof(devPath), 0, sizeof(devPath));
         if (sprintf_s(devPath, sizeof(devPath), "/dev/%s", entry->devName) == -1) {
             HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
