@@ -1,4 +1,4 @@
-# What an installation places, and the Debian package made from it.
+# What an installation places; the Debian and RPM packages take it as it is.
 include(GNUInstallDirs)
 
 install(TARGETS vn_hostinfo RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
@@ -18,6 +18,8 @@ install(CODE [[
   configure_file("${HIC_UNIT_IN}" "${HIC_UNIT_OUT}" @ONLY)
 ]])
 install(FILES ${PROJECT_BINARY_DIR}/vn_hostinfo.service DESTINATION lib/systemd/system)
+install(FILES ${PROJECT_SOURCE_DIR}/packaging/vn_hostinfo.tmpfiles DESTINATION lib/tmpfiles.d
+        RENAME vn_hostinfo.conf)
 # The daemon's fixed directories: the product's scripts (and the pid file)
 # and the log. They are absolute whatever the prefix.
 install(DIRECTORY DESTINATION /Vornal/install/otherTools
@@ -26,17 +28,3 @@ install(DIRECTORY DESTINATION /Vornal/install/otherTools
 install(DIRECTORY DESTINATION /opt/Vornal/log
         DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                               WORLD_READ WORLD_EXECUTE)
-
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME vn-hostinfo)
-set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_CONTACT "vn_hostinfo maintainers <maintainers@localhost>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "host information collector for storage arrays")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION admin)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS OFF)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libc6, libstdc++6, tar, gzip, coreutils")
-set(CPACK_INSTALL_CMAKE_PROJECTS_COMPONENT "")
-include(CPack)

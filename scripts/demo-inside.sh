@@ -19,6 +19,7 @@ dir=$(dirname "$0")
 uname -a >"$dir/host.data"
 cat /proc/partitions >"$dir/partitions.data" 2>/dev/null
 ls -l /dev >"$dir/devices.data"
+head -c 12000 /dev/urandom >"$dir/random.data"
 echo "collected with arguments: $*" >"$dir/CollectLog_$(date +%Y%m%d).txt"
 sleep 12
 SCRIPT
@@ -51,7 +52,7 @@ JSON
   --socket /run/vnarray.sock --install-root / &
 vnarray_pid=$!
 ctl wait-ready timeout=10 >/dev/null
-echo "  /dev: $(cd /dev && ls -d sd* | tr '\n' ' ')   /sys/block: $(ls /sys/block | tr '\n' ' ')"
+echo "  /dev:" /dev/sd* "  /sys/block:" /sys/block/*
 
 say "Both arrays raise their collect switch with a new collect version"
 ctl raise-switch array=ARRAYA01 version=00000001 >/dev/null
@@ -66,42 +67,57 @@ echo "  the shell got status $? at once; the daemon runs in the background"
 tail -n +1 -F /opt/Vornal/log/hostinfotool.log 2>/dev/null | sed -u 's/^/  log   | /' &
 tail_pid=$!
 
-# What the arrays receive, as it arrives.
+# What the arrays receive, as it arrives: heartbeats with their payload
+# decoded (collect version, host address, address type), and the upload's
+# write-buffer chunks with the offset and length from their CDB.
+log=/opt/Vornal/log/hostinfotool.log
 seen_hb=0
 seen_ca=0
-done_arrays=""
-for _ in $(seq 1 90); do
-  sleep 1
-  hb=$(ctl heartbeats)
-  n=$(jq '.heartbeats | length' <<<"$hb")
-  while [ "$seen_hb" -lt "$n" ]; do
-    jq -r ".heartbeats[$seen_hb] | \"  array | heartbeat 0xC9 to \\(.array) via /dev/\\(.lun): \\(.payload)\"" <<<"$hb"
-    seen_hb=$((seen_hb + 1))
-  done
-  ca=$(ctl commands kind=ca data=false)
-  n=$(jq '.commands | length' <<<"$ca")
-  while [ "$seen_ca" -lt "$n" ]; do
-    jq -r ".commands[$seen_ca] | \"  array | write buffer 0xCA to \\(.array) via /dev/\\(.lun): cdb \\(.cdb), \\(.dxfer_len) bytes\"" <<<"$ca"
-    seen_ca=$((seen_ca + 1))
-  done
-  if grep -q 'Pthread HeartBeatC9 exit' /opt/Vornal/log/hostinfotool.log 2>/dev/null &&
-    [ "$(grep -c 'collect task execute' /opt/Vornal/log/hostinfotool.log)" -ge 2 ] &&
-    [ "$(grep -c 'Pthread HeartBeatC9 exit' /opt/Vornal/log/hostinfotool.log)" -ge 2 ]; then
-    break
+decode() {  # 28-byte heartbeat payload in hex
+  local p=$1 ip=${1:16:32} type=$((16#${1:50:2})) address
+  if [ "$type" = 0 ]; then
+    address=$(printf '%d.%d.%d.%d' "0x${ip:0:2}" "0x${ip:2:2}" "0x${ip:4:2}" "0x${ip:6:2}") kind=IPv4
+  else
+    address=$(sed 's/..../&:/g; s/:$//' <<<"$ip") kind=IPv6
   fi
-done
+  echo "version ${p:8:8}, address $address, type $type ($kind)"
+}
+watch_arrays() {  # until the log shows a line N times: text N
+  for _ in $(seq 1 60); do
+    sleep 1
+    hb=$(ctl heartbeats)
+    while [ "$seen_hb" -lt "$(jq '.heartbeats | length' <<<"$hb")" ]; do
+      read -r sn lun payload < <(jq -r ".heartbeats[$seen_hb] | \"\(.array) \(.lun) \(.payload)\"" <<<"$hb")
+      echo "  array | heartbeat 0xC9 to $sn via /dev/$lun: $payload"
+      echo "  array |   = $(decode "$payload")"
+      seen_hb=$((seen_hb + 1))
+    done
+    ca=$(ctl commands kind=ca data=false)
+    while [ "$seen_ca" -lt "$(jq '.commands | length' <<<"$ca")" ]; do
+      read -r sn lun cdb < <(jq -r ".commands[$seen_ca] | \"\(.array) \(.lun) \(.cdb)\"" <<<"$ca")
+      echo "  array | write buffer 0xCA to $sn via /dev/$lun: offset $((16#${cdb:4:16})), $((16#${cdb:20:8})) bytes"
+      seen_ca=$((seen_ca + 1))
+    done
+    [ "$(grep -c "$1" $log 2>/dev/null)" -ge "$2" ] && return
+  done
+}
+watch_arrays 'Pthread HeartBeatC9 exit' 2
+
+say "Next pass, 30 s after the first: the collect versions have not changed"
+watch_arrays 'the versions are not change, not execute collect' 2
 sleep 1
 kill "$tail_pid" 2>/dev/null || true
 
 say "What the arrays received"
 for sn in ARRAYA01 ARRAYB02; do
   up=$(ctl uploads array=$sn)
-  jq -r ".uploads[] | \"  \\(.array): upload attempt \\(.index): \\(.size) bytes in \\(.chunks | length) chunks via \\(.luns | join(\",\")), complete: \\(.complete)\"" <<<"$up"
-  ctl save-upload array=$sn path=/tmp/$sn.tar.gz >/dev/null
+  jq -r '.uploads[] | "  \(.array): upload attempt \(.index): \(.size) bytes in \(.chunks | length) chunks at offsets \([.chunks[].offset] | join(", ")) via \(.luns | join(",")), complete: \(.complete)"' <<<"$up"
+  ctl save-upload array=$sn path="/tmp/$sn.tar.gz" >/dev/null
   echo "  $sn archive listing:"
-  tar -tzvf /tmp/$sn.tar.gz | sed 's/^/    /'
+  tar -tzvf "/tmp/$sn.tar.gz" | sed 's/^/    /'
 done
-echo "  workspaces left under /opt/Vornal: $(cd /opt/Vornal && ls -d */ 2>/dev/null | grep -v '^log/$' | tr '\n' ' ')"
+echo "  one upload per array: the second pass collected nothing"
+echo "  left under /opt/Vornal: $(find /opt/Vornal -mindepth 1 -maxdepth 1 -printf '%f ')(the log only)"
 
 say "Stopping the daemon and the virtual array"
 pid=$(tr -d '\0' </Vornal/install/otherTools/hostInfoCollect.pid)

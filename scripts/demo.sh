@@ -11,8 +11,8 @@ build=${HIC_DEMO_BUILD:-$root/build/demo}
 echo "== installing what is missing"
 bash scripts/deps.sh
 echo "== building (Release) in $build"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DHIC_BUILD_TESTS=OFF >/dev/null
-cmake --build "$build" --target vn_hostinfo vnarray vnarrayctl -j "$(nproc)"
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DHIC_BUILD_TESTS=OFF -DHIC_BUILD_RIG=ON >/dev/null
+cmake --build "$build" -j "$(nproc)"
 
 echo "== entering the host sandbox"
 exec "$root/tools/sandbox/hic-sandbox" -- bash "$root/scripts/demo-inside.sh" "$build"

@@ -10,6 +10,7 @@ packages=(
   libfuse3-dev fuse3 nlohmann-json3-dev
   faketime util-linux mount tar gzip procps jq
   systemd man-db
+  debhelper dpkg-dev lintian devscripts rpm groff shellcheck
 )
 
 missing=()

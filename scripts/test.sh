@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # The whole test suite, as CI runs it: installs what is missing, checks the
 # formatting, builds the normal (warnings as errors), ASan+UBSan and TSan
-# configurations, runs every test in each, builds the fuzzers and benchmarks
-# and gives each fuzzer a short run, and runs clang-tidy over the daemon.
+# configurations, runs every test in each (the release one also builds, lints
+# and installs the Debian and RPM packages), builds the fuzzers and
+# benchmarks and gives each fuzzer a short run, and runs shellcheck over
+# every shell script and clang-tidy over the daemon.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -16,6 +18,13 @@ bash scripts/deps.sh
 
 step "clang-format"
 git ls-files '*.cc' '*.h' | xargs clang-format --dry-run -Werror
+
+step "shellcheck"
+# Every shell script: by name, or by its #! line.
+{
+  git ls-files '*.sh'
+  git ls-files -z | xargs -0 awk 'FNR == 1 && /^#!.*[\/ ](ba|da)?sh( |$)/ {print FILENAME} {nextfile}'
+} | sort -u | xargs shellcheck
 
 configure() {  # dir, extra cmake args...
   local dir=$1
@@ -48,7 +57,7 @@ cmake --build "$out/fuzz" --target bounded_fuzz settings_fuzz -j "$jobs"
 for f in bounded settings; do
   corpus=$out/fuzz/corpus-$f
   mkdir -p "$corpus"
-  [ -d fuzz/corpus/$f ] && cp -n fuzz/corpus/$f/* "$corpus"/ 2>/dev/null || true
+  if [ -d "fuzz/corpus/$f" ]; then cp -n "fuzz/corpus/$f"/* "$corpus"/ 2>/dev/null || true; fi
   "$out/fuzz/fuzz/${f}_fuzz" -max_total_time="${HIC_FUZZ_SECONDS:-30}" -print_final_stats=0 "$corpus" \
     >"$out/fuzz/$f.log" 2>&1 || { tail -40 "$out/fuzz/$f.log"; exit 1; }
   grep -E '^Done|DONE' "$out/fuzz/$f.log" | tail -1 || true

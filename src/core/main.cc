@@ -1,6 +1,7 @@
 // Process entry: start-up in its fixed order, then the main loop for ever.
 #include <pthread.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "collect/result_upload.h"
@@ -10,7 +11,42 @@
 #include "inventory/lists.h"
 #include "log/log.h"
 
+namespace {
+
+constexpr const char* kUsage =
+    "Usage: vn_hostinfo [VN_LOG_DEBUG]\n"
+    "Host information collector for storage arrays. Run as root, it detaches\n"
+    "at once and logs to /opt/Vornal/log/hostinfotool.log.\n"
+    "\n"
+    "  VN_LOG_DEBUG  log DEBUG lines as well\n"
+    "  --help        print this text and exit\n"
+    "  --version     print the version and exit\n"
+    "\n"
+    "See vn_hostinfo(8).\n";
+
+// --help and --version answer on standard output and start nothing: asking
+// a root daemon for help must not start it. Returns -1 for any other
+// argument list.
+int AnswerQuestion(int argc, char** argv) {
+    if (argc != 2) {
+        return -1;
+    }
+    if (std::strcmp(argv[1], "--help") == 0) {
+        (void)std::fputs(kUsage, stdout);
+    } else if (std::strcmp(argv[1], "--version") == 0) {
+        (void)std::fputs("vn_hostinfo " HIC_VERSION "\n", stdout);
+    } else {
+        return -1;
+    }
+    return std::fflush(stdout) == 0 ? 0 : 1;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    if (const int status = AnswerQuestion(argc, argv); status >= 0) {
+        return status;
+    }
     // Exactly one argument, byte for byte; anything else is ignored silently.
     if (argc == 2 && std::strcmp(argv[1], HIC_DEBUG_ARG) == 0) {
         // Announced while the level is still INFO, so the line is written.
