@@ -543,16 +543,19 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     array.RaiseSwitch("ARRAY01", "0A0B0C0D");
     array.RaiseSwitch("ARRAY02", "00000002");
     array.RaiseSwitch("ARRAY03", "00000001");
-    // ARRAY02's first LUN fails one heartbeat and its second chunk.
+    // ARRAY02's LUNs each fail one heartbeat, and its first LUN the second
+    // chunk: the heartbeat ends early, the collection goes on without it.
     array.InjectFault({{"lun", two}, {"kind", "c9"}, {"status", 2}, {"count", 1}});
+    array.InjectFault({{"lun", twoNext}, {"kind", "c9"}, {"status", 2}, {"count", 1}});
     array.InjectFault({{"lun", two}, {"kind", "ca"}, {"status", 2}, {"after", 1}, {"count", 1}});
 
     ASSERT_EQ(Start("VN_LOG_DEBUG"), 0);
     ASSERT_GT(WaitForDaemon(), 0);
-    const std::string exit = Info("HIC_SendHeartBeatByLun", "Pthread HeartBeatC9 exit.\n");
+    // Both collections end, and ARRAY01's heartbeat sees it.
     ASSERT_TRUE(WaitFor([&] {
-        const hic_test::LogList lines = hic_test::LogLines();
-        return std::count(lines.begin(), lines.end(), exit) == 2 &&
+        const std::string log = LoggedMessages();
+        return Contains(log, Success("ARRAY01")) && Contains(log, Success("ARRAY02")) &&
+               Contains(log, "INFO HIC_SendHeartBeatByLun: Pthread HeartBeatC9 exit.\n") &&
                !hic_test::Exists("/opt/Vornal/ARRAY01") && !hic_test::Exists("/opt/Vornal/ARRAY02");
     })) << LoggedMessages();
 
@@ -575,11 +578,11 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     for (const auto& b : beats) {
         EXPECT_EQ(b.lun, one);
     }
-    // ARRAY02's heartbeat left the LUN that failed it for the next one.
+    // ARRAY02's heartbeat left the LUN that failed it for the next one, and
+    // ended when that failed too.
     EXPECT_EQ(array.Commands({{"kind", "c9"}, {"lun", two}}).size(), 1U);
-    for (const auto& b : array.Heartbeats("ARRAY02")) {
-        EXPECT_EQ(b.lun, twoNext);
-    }
+    EXPECT_EQ(array.Commands({{"kind", "c9"}, {"lun", twoNext}}).size(), 1U);
+    EXPECT_TRUE(array.Heartbeats("ARRAY02").empty());
 
     const auto up1 = array.Uploads("ARRAY01");
     ASSERT_EQ(up1.size(), 1U);
@@ -631,7 +634,9 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
         Err("HIC_DoWriteBufToArray", "write to array failed.\n"),
         Err("HIC_GetFileBufAndWriteToArray", "Write buf to array failed, offset 4064.\n"),
         Err("HIC_SendHeartBeat", "send heartbeat failed.\n"),
+        Err("HIC_SendHeartBeat", "send heartbeat failed.\n"),
         Err("HIC_SendHeartBeatByLun", "send HeartBeatC9 failed on dev /dev/" + two + ".\n"),
+        Err("HIC_SendHeartBeatByLun", "send HeartBeatC9 failed on dev /dev/" + twoNext + ".\n"),
         Err("HIC_WriteCollectResultToArray",
             "Write to array{sn:ARRAY02} failed on dev /dev/" + two + ".\n")};
     std::sort(expected.begin(), expected.end());

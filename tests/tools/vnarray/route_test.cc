@@ -163,40 +163,6 @@ TEST_F(RouteTest, VendorCommandsMoveTheirDataBothWays) {
     hic_test::ExpectChunks(client().Commands({{"kind", "ca"}}), archive, host);
 }
 
-TEST_F(RouteTest, FaultsReachTheCallerAndOnlyTheirCommands) {
-    // fault; the ioctl's errno; status, host and driver status
-    const std::tuple<Json, int, std::tuple<int, int, int>> cases[] = {
-        {{{"errno", "EIO"}}, EIO, {}},
-        {{{"status", 2}}, 0, {2, 0, 8}},
-        {{{"host_status", 7}}, 0, {0, 7, 0}},
-        {{{"driver_status", 8}}, 0, {0, 0, 8}},
-    };
-    hic::UniqueFd fd = Open("/dev/sdb", O_RDONLY);
-    for (const auto& [given, err, hdr] : cases) {
-        SCOPED_TRACE(given.dump());
-        client().ClearFaults();
-        Json fault = given;
-        fault["lun"] = "sdb";
-        fault["kind"] = "std";
-        client().InjectFault(fault);
-        const SgResult r = StdInquiry(fd.Get());
-        EXPECT_EQ(std::tie(r.rc, r.err), std::make_tuple(err == 0 ? 0 : -1, err));
-        if (err == 0) {
-            EXPECT_EQ(std::make_tuple(r.hdr.status, r.hdr.host_status, r.hdr.driver_status), hdr);
-        }
-    }
-    // Other LUNs, other kinds, and the commands after "count" are untouched.
-    client().ClearFaults();
-    client().InjectFault({{"lun", "sdb"}, {"kind", "c7"}, {"errno", "EBUSY"}, {"count", 1}});
-    hic::UniqueFd sdc = Open("/dev/sdc", O_RDONLY);
-    const auto query = [](int f) {
-        return SendSg(f, hic_test::VendorCdb(0xC7, 0, 4096), SG_DXFER_FROM_DEV, Bytes(4096, 0));
-    };
-    EXPECT_EQ(query(sdc.Get()).rc, 0);
-    EXPECT_EQ(StdInquiry(fd.Get()).rc, 0);
-    EXPECT_EQ(query(fd.Get()).err, EBUSY);
-    EXPECT_EQ(query(fd.Get()).rc, 0);
-}
 
 TEST_F(RouteTest, CommandLineClientTellsSuccessByItsExitStatus) {
     const std::string ctl =
