@@ -1,7 +1,6 @@
 #include "collect/collect_task.h"
 
-#include <pthread.h>
-
+#include "base/thread.h"
 #include "bounded/bounded.h"
 #include "collect/result_upload.h"
 #include "collect/switch_poll.h"
@@ -24,17 +23,10 @@ int HIC_StartCollectTaskForArray(HIC_ArrayInfo* array) {
     (void)memcpy_s(array->hostIp, sizeof(array->hostIp), hostIp, sizeof(hostIp));
     array->ipType = ipType;
 
-    pthread_attr_t attr;
-    (void)pthread_attr_init(&attr);
-    (void)pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    // Raised before the thread exists, so the main loop never sees the
-    // array released while its thread is starting.
-    array->collectRunning.store(1);
-    pthread_t tid;
-    const int ret = pthread_create(&tid, &attr, HIC_CollectTaskThread, array);
-    (void)pthread_attr_destroy(&attr);
+    hic::CollectThreadStarting(array);
+    const int ret = hic::StartDetachedThread(HIC_CollectTaskThread, array);
     if (ret != 0) {
-        array->collectRunning.store(0);
+        hic::CollectThreadEnded(array);
         HIC_LOG(HIC_LOG_INFO, "fail to create pthread HIC_CollectTaskThread, ret:%d.\n", ret);
         return -1;
     }
@@ -74,7 +66,7 @@ int HIC_GetCollectScriptFromArray(HIC_ArrayInfo* array) {
     if (!answered) {
         return 0;  // still querying: the thread takes it as no collection
     }
-    if (array->taskState.load() != HIC_TASK_COLLECTING) {
+    if (!hic::IsCollecting(array)) {
         return -1;
     }
     if (HIC_HeartBeatThreadCreate(array) != 0) {
@@ -91,34 +83,27 @@ void* HIC_CollectTaskThread(void* arg) {
     }
     char workspace[HIC_PATH_LEN];
     if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
-        array->collectRunning.store(0);
+        hic::CollectThreadEnded(array);
         return nullptr;
     }
-    array->taskState.store(HIC_TASK_QUERYING);
+    hic::StartQuerying(array);
 
-    if (HIC_GetCollectScriptFromArray(array) == -1 ||
-        array->taskState.load() != HIC_TASK_COLLECTING) {
-        // No collection. The workspace goes before the array is released.
+    if (HIC_GetCollectScriptFromArray(array) == -1 || !hic::IsCollecting(array)) {
         HIC_DeleteFileByPath(workspace);
-        array->taskState.store(HIC_TASK_IDLE);
-        array->collectRunning.store(0);
+        hic::EndWithoutCollection(array);
+        hic::CollectThreadEnded(array);
         return nullptr;
     }
 
     HIC_WriteCollectResultToArray(array);
-    if (array->taskState.load() == HIC_TASK_FINISHED) {
+    if (hic::IsWorkFinished(array)) {
         HIC_LOG(HIC_LOG_INFO, "array{sn:%s} collect task execute success.\n", array->arraySn);
     } else {
         HIC_LOG(HIC_LOG_ERROR, "array{sn:%s} collect task execute failed.\n", array->arraySn);
-        array->taskState.store(HIC_TASK_FINISHED);  // also stops the heartbeat
+        hic::FinishWork(array);
     }
-    // The heartbeat may make the array idle at any moment from here on, but
-    // collectRunning keeps a new task away until the workspace is gone.
-    if (array->heartBeatRunning.load() == 0) {
-        int32_t finished = HIC_TASK_FINISHED;
-        (void)array->taskState.compare_exchange_strong(finished, HIC_TASK_IDLE);
-    }
+    hic::HandBack(array);
     HIC_DeleteFileByPath(workspace);
-    array->collectRunning.store(0);
+    hic::CollectThreadEnded(array);
     return nullptr;
 }

@@ -139,7 +139,7 @@ int HIC_WriteResultToArray(const HIC_LunInfo* lun, HIC_ArrayInfo* array) {
     if (ret == -1) {
         return -1;
     }
-    array->taskState.store(HIC_TASK_FINISHED);
+    hic::FinishWork(array);
     return 0;
 }
 

@@ -63,7 +63,7 @@ int HIC_GetSwitchInfo(const HIC_LunInfo* lun, HIC_ArrayInfo* array) {
     // Remembered before the script runs: a collection that fails later is
     // not started again for the same version.
     (void)memcpy_s(array->versions, sizeof(array->versions), version, sizeof(version));
-    array->taskState.store(HIC_TASK_COLLECTING);
+    hic::StartCollecting(array);
     return 0;
 }
 

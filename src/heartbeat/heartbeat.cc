@@ -1,9 +1,9 @@
 #include "heartbeat/heartbeat.h"
 
-#include <pthread.h>
 #include <unistd.h>
 
 #include "base/handles.h"
+#include "base/thread.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 #include "scsi/sg_transport.h"
@@ -39,7 +39,7 @@ int HIC_SendHeartBeatByLun(const HIC_LunInfo* lun, unsigned char* payload, HIC_A
         return -1;
     }
     for (;;) {
-        if (array->taskState.load() == HIC_TASK_FINISHED) {
+        if (hic::IsWorkFinished(array)) {
             HIC_LOG(HIC_LOG_INFO, "Pthread HeartBeatC9 exit.\n");
             return 0;
         }
@@ -52,19 +52,6 @@ int HIC_SendHeartBeatByLun(const HIC_LunInfo* lun, unsigned char* payload, HIC_A
         (void)sleep(HIC_HEARTBEAT_PERIOD);
     }
 }
-
-namespace {
-
-// The thread's last touches of the record: the state goes first and the
-// flag last, so whichever of this thread and the collection thread comes
-// last leaves the array idle.
-void HandBackArray(HIC_ArrayInfo* array) {
-    int32_t finished = HIC_TASK_FINISHED;
-    (void)array->taskState.compare_exchange_strong(finished, HIC_TASK_IDLE);
-    array->heartBeatRunning.store(0);
-}
-
-}  // namespace
 
 void* HIC_SendC9ToArray(void* arg) {
     auto* array = static_cast<HIC_ArrayInfo*>(arg);
@@ -87,7 +74,7 @@ void* HIC_SendC9ToArray(void* arg) {
         }
     }
     // Done with the LUN list and the payload before the array may go idle.
-    HandBackArray(array);
+    hic::HeartbeatEnded(array);
     return nullptr;
 }
 
@@ -96,15 +83,10 @@ int HIC_HeartBeatThreadCreate(HIC_ArrayInfo* array) {
         return -1;
     }
     HIC_LOG(HIC_LOG_INFO, "start HeartBeat C9 to array: %s.\n", array->arraySn);
-    pthread_attr_t attr;
-    (void)pthread_attr_init(&attr);
-    (void)pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    array->heartBeatRunning.store(1);
-    pthread_t tid;
-    const int ret = pthread_create(&tid, &attr, HIC_SendC9ToArray, array);
-    (void)pthread_attr_destroy(&attr);
+    hic::HeartbeatStarting(array);
+    const int ret = hic::StartDetachedThread(HIC_SendC9ToArray, array);
     if (ret != 0) {
-        array->heartBeatRunning.store(0);
+        hic::HeartbeatEnded(array);
         HIC_LOG(HIC_LOG_ERROR, "fail to create pthread heartBeatC9, ret:%d.\n", ret);
         return -1;
     }

@@ -9,9 +9,8 @@
 constexpr uint32_t HIC_HEARTBEAT_LEN = 28;
 constexpr unsigned int HIC_HEARTBEAT_PERIOD = 10;
 
-// Starts the detached heartbeat thread of the array. heartBeatRunning is
-// set before the thread exists (and cleared again if it cannot be made),
-// so the hand-over at the end of a collection holds in every order.
+// Starts the detached heartbeat thread of the array (the hand-over of the
+// record is in inventory/lists.h).
 int HIC_HeartBeatThreadCreate(HIC_ArrayInfo* array);
 // Thread entry; arg is the HIC_ArrayInfo.
 void* HIC_SendC9ToArray(void* arg);

@@ -74,6 +74,62 @@ bool HIC_IsArrayReleased(const HIC_ArrayInfo* array) {
            array->collectRunning.load() == 0;
 }
 
+namespace {
+
+void ReturnToIdle(HIC_ArrayInfo* array) {
+    int32_t finished = HIC_TASK_FINISHED;
+    (void)array->taskState.compare_exchange_strong(finished, HIC_TASK_IDLE);
+}
+
+}  // namespace
+
+void hic::CollectThreadStarting(HIC_ArrayInfo* array) {
+    array->collectRunning.store(1);
+}
+
+void hic::CollectThreadEnded(HIC_ArrayInfo* array) {
+    array->collectRunning.store(0);
+}
+
+void hic::StartQuerying(HIC_ArrayInfo* array) {
+    array->taskState.store(HIC_TASK_QUERYING);
+}
+
+void hic::StartCollecting(HIC_ArrayInfo* array) {
+    array->taskState.store(HIC_TASK_COLLECTING);
+}
+
+bool hic::IsCollecting(const HIC_ArrayInfo* array) {
+    return array->taskState.load() == HIC_TASK_COLLECTING;
+}
+
+void hic::EndWithoutCollection(HIC_ArrayInfo* array) {
+    array->taskState.store(HIC_TASK_IDLE);
+}
+
+void hic::FinishWork(HIC_ArrayInfo* array) {
+    array->taskState.store(HIC_TASK_FINISHED);
+}
+
+bool hic::IsWorkFinished(const HIC_ArrayInfo* array) {
+    return array->taskState.load() == HIC_TASK_FINISHED;
+}
+
+void hic::HeartbeatStarting(HIC_ArrayInfo* array) {
+    array->heartBeatRunning.store(1);
+}
+
+void hic::HeartbeatEnded(HIC_ArrayInfo* array) {
+    ReturnToIdle(array);
+    array->heartBeatRunning.store(0);
+}
+
+void hic::HandBack(HIC_ArrayInfo* array) {
+    if (array->heartBeatRunning.load() == 0) {
+        ReturnToIdle(array);
+    }
+}
+
 void HIC_FreeLunList() {
     FreeWhere<HIC_LunInfo>(&HIC_LunListHead, hic::AnyRecord<HIC_LunInfo>);
 }

@@ -48,14 +48,9 @@ enum HIC_TaskState : int32_t {
     HIC_TASK_FINISHED = 3,
 };
 
-// One storage array. The main thread, the array's collection thread and
-// its heartbeat thread hand the record over through taskState,
-// heartBeatRunning and collectRunning without a lock, so all three are
-// atomics. collectRunning is 1 from just before the collection thread is
-// created until its very last step, after the workspace is gone: a new
-// task never starts while the old one still works in the same workspace.
-// A worker thread's last touch of the record is clearing its own flag;
-// from then on the main thread may free a released record.
+// One storage array. Its three threads hand the record over through
+// taskState, heartBeatRunning and collectRunning, only by the transitions
+// below HIC_IsArrayReleased.
 struct HIC_ArrayInfo {
     HIC_ListHead list;
     std::atomic<int32_t> taskState;
@@ -84,6 +79,43 @@ HIC_ArrayInfo* HIC_AllocArrayInfo();
 // True when no thread of the array holds the record: idle, no heartbeat,
 // no collection thread. Only then may a new task start or the record go.
 bool HIC_IsArrayReleased(const HIC_ArrayInfo* array);
+
+// The hand-over of an array record between the main thread, the array's
+// collection thread and its heartbeat thread, without a lock (the three
+// fields are atomics). Each flag has one owner, who raises it before the
+// thread it stands for exists and clears it as that thread's last touch of
+// the record:
+// - main thread: CollectThreadStarting, then creates the collection thread
+//   (CollectThreadEnded if that fails);
+// - collection thread: StartQuerying; StartCollecting (through the switch
+//   query); HeartbeatStarting, then creates the heartbeat thread
+//   (HeartbeatEnded if that fails); FinishWork after the upload (the
+//   upload's success does it first), which stops the heartbeat; HandBack;
+//   removes the workspace; CollectThreadEnded, its very last step;
+// - heartbeat thread: polls IsWorkFinished, then HeartbeatEnded.
+// HandBack and HeartbeatEnded both turn FINISHED into IDLE, so whichever of
+// the two threads comes last leaves the array idle. Idle alone does not
+// release the array: the collection thread still removes its workspace
+// after it, and a new task started then would lose its fresh files to the
+// ending one. collectRunning, cleared only after the removal, keeps the main
+// thread from starting one (HIC_IsArrayReleased) until the old task is gone,
+// and keeps the record alive until no thread can touch it any more.
+namespace hic {
+void CollectThreadStarting(HIC_ArrayInfo* array);
+void CollectThreadEnded(HIC_ArrayInfo* array);
+void StartQuerying(HIC_ArrayInfo* array);
+void StartCollecting(HIC_ArrayInfo* array);
+bool IsCollecting(const HIC_ArrayInfo* array);
+// Back to idle without a collection: the array declined, no LUN answered,
+// or the heartbeat could not be started.
+void EndWithoutCollection(HIC_ArrayInfo* array);
+void FinishWork(HIC_ArrayInfo* array);
+bool IsWorkFinished(const HIC_ArrayInfo* array);
+void HeartbeatStarting(HIC_ArrayInfo* array);
+void HeartbeatEnded(HIC_ArrayInfo* array);
+// FINISHED to IDLE, unless the heartbeat still runs and will do it itself.
+void HandBack(HIC_ArrayInfo* array);
+}  // namespace hic
 
 void HIC_FreeLunList();
 // Frees the array list after a failed build. Records still held by a
