@@ -73,6 +73,8 @@ __attribute__((format(printf, 6, 0))) void WriteLine(FILE* file, const char* dat
     const char* levelName = HIC_GetLogLevelName(level);
     va_list measureArgs;
     va_copy(measureArgs, args);
+    // The analyzer loses track of a va_copy made from a va_list parameter.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized)
     const int messageLen = std::vsnprintf(nullptr, 0, format, measureArgs);
     va_end(measureArgs);
     const int prefixLen = std::snprintf(nullptr, 0, kLinePrefix, date, levelName, func, line);
