@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # The whole test suite, as CI runs it: installs what is missing, checks the
-# formatting, builds the normal (warnings as errors), ASan+UBSan and TSan
-# configurations, runs every test in each (the release one also builds, lints
-# and installs the Debian and RPM packages), builds the fuzzers and
-# benchmarks and gives each fuzzer a short run, and runs shellcheck over
-# every shell script and clang-tidy over the daemon.
+# formatting and the layering of the daemon's includes, builds the normal
+# (warnings as errors), ASan+UBSan and TSan configurations, runs every test
+# in each (the release one also builds, lints and installs the Debian and
+# RPM packages), builds the fuzzers and benchmarks and gives each fuzzer a
+# short run, and runs shellcheck over every shell script and clang-tidy over
+# the daemon.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -18,6 +19,9 @@ bash scripts/deps.sh
 
 step "clang-format"
 git ls-files '*.cc' '*.h' | xargs clang-format --dry-run -Werror
+
+step "layering (no include of a higher room, no include cycle)"
+bash tests/layering/check_includes.sh
 
 step "shellcheck"
 # Every shell script: by name, or by its #! line.

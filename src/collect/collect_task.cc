@@ -6,6 +6,7 @@
 #include "collect/switch_poll.h"
 #include "collect/workspace.h"
 #include "heartbeat/heartbeat.h"
+#include "inventory/array_list.h"
 #include "log/log.h"
 #include "settings/host_address.h"
 
@@ -106,4 +107,19 @@ void* HIC_CollectTaskThread(void* arg) {
     HIC_DeleteFileByPath(workspace);
     hic::CollectThreadEnded(array);
     return nullptr;
+}
+
+int HIC_GetHostCollectSwitchInfo() {
+    if (HIC_GetArrayList() == -1) {
+        HIC_FreeArrayList();
+        return -1;
+    }
+    for (HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&HIC_ArrayListHead)) {
+        // Idle is not enough: the previous task's threads must also be gone,
+        // or the new task could lose its workspace to the ending one.
+        if (HIC_IsArrayReleased(array)) {
+            (void)HIC_StartCollectTaskForArray(array);
+        }
+    }
+    return 0;
 }

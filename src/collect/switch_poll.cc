@@ -4,28 +4,11 @@
 
 #include "base/handles.h"
 #include "bounded/bounded.h"
-#include "collect/collect_task.h"
 #include "collect/workspace.h"
-#include "inventory/array_list.h"
 #include "log/log.h"
 #include "scsi/inquiry.h"
 #include "scsi/sg_transport.h"
 #include "scsi/vendor_commands.h"
-
-int HIC_GetHostCollectSwitchInfo() {
-    if (HIC_GetArrayList() == -1) {
-        HIC_FreeArrayList();
-        return -1;
-    }
-    for (HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&HIC_ArrayListHead)) {
-        // Idle is not enough: the previous task's threads must also be gone,
-        // or the new task could lose its workspace to the ending one.
-        if (HIC_IsArrayReleased(array)) {
-            (void)HIC_StartCollectTaskForArray(array);
-        }
-    }
-    return 0;
-}
 
 int HIC_GetSwitchInfo(const HIC_LunInfo* lun, HIC_ArrayInfo* array) {
     unsigned char reply[HIC_SWITCH_REPLY_LEN];

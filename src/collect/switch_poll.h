@@ -1,6 +1,6 @@
-// The main loop's array step, and the per-LUN question whether the array
-// wants a collection now: its collect switch is on and its collect version
-// differs from the one of the last collection the host started for it.
+// The per-LUN question whether the array wants a collection now: its
+// collect switch is on and its collect version differs from the one of the
+// last collection the host started for it.
 #ifndef HIC_COLLECT_SWITCH_POLL_H
 #define HIC_COLLECT_SWITCH_POLL_H
 
@@ -11,9 +11,6 @@ constexpr unsigned int HIC_SWITCH_STATUS_OFFSET = 4;
 constexpr unsigned int HIC_SWITCH_VERSION_OFFSET = 5;
 constexpr unsigned char HIC_SWITCH_ON = 1;
 
-// Brings the array list up to date and starts a collection task for every
-// array that no thread holds. -1 when the array list could not be built.
-int HIC_GetHostCollectSwitchInfo();
 // 0 when this LUN answered (collection armed, or declined); -1 when it
 // failed and another LUN of the array may be tried.
 int HIC_GetSwitchInfo(const HIC_LunInfo* lun, HIC_ArrayInfo* array);

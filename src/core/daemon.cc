@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include "collect/switch_poll.h"
+#include "collect/collect_task.h"
 #include "inventory/vnadm_refresh.h"
 #include "log/log.h"
 
