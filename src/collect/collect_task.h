@@ -18,7 +18,9 @@ int HIC_GetHostCollectSwitchInfo();
 int HIC_StartCollectTaskForArray(HIC_ArrayInfo* array);
 // Thread entry; arg is the HIC_ArrayInfo.
 void* HIC_CollectTaskThread(void* arg);
+// Queries the LUNs; if the array asks, starts the heartbeat and runs the script.
 int HIC_GetCollectScriptFromArray(HIC_ArrayInfo* array);
+// Removes the array's old workspace, then asks this LUN with HIC_GetSwitchInfo.
 int HIC_StartQueryCollectInfoByLun(const HIC_LunInfo* lun, HIC_ArrayInfo* array);
 
 #endif  // HIC_COLLECT_COLLECT_TASK_H

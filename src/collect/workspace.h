@@ -21,8 +21,10 @@ int HIC_IsValidArraySn(const char* sn, uint32_t bound);
 // in path. -1, logged, when the serial number may not enter a path or the
 // result does not fit.
 int HIC_GetWorkspacePath(const HIC_ArrayInfo* array, const char* leaf, char* path, uint32_t size);
+// Makes the workspace and copies the two scripts into it.
 int HIC_GetCollectFile(const HIC_ArrayInfo* array);
 void HIC_CreateDirectory(const char* path);
+// Runs the collection script in the workspace, then packs result.tar.gz.
 void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array);
 // Removes a regular file, or a directory with everything below it. A
 // symbolic link is never followed and never removed, so a tree holding

@@ -12,7 +12,7 @@ constexpr unsigned int HIC_HEARTBEAT_PERIOD = 10;
 // Starts the detached heartbeat thread of the array (the hand-over of the
 // record is in inventory/lists.h).
 int HIC_HeartBeatThreadCreate(HIC_ArrayInfo* array);
-// Thread entry; arg is the HIC_ArrayInfo.
+// Thread entry; arg is the HIC_ArrayInfo. Hands the array back as it ends.
 void* HIC_SendC9ToArray(void* arg);
 // Heartbeats through one LUN until the array's work is finished (0), or
 // -1 when the LUN cannot be opened or a heartbeat fails.

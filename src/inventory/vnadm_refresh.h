@@ -20,6 +20,7 @@ struct HIC_VnLunInfo {
     char lunWwn[HIC_VNADM_FIELD_LEN];
 };
 
+// Refreshes the LUN list only; the array list grows in the main loop's step.
 void HIC_RefreshLunAndArrayList();
 // Runs the tool and appends one entry per accepted line to the empty list.
 int HIC_GetVnLunInfoListByVnadm(HIC_ListHead* head);

@@ -36,6 +36,7 @@ int HIC_GetLunWwn(int fd, char* buf, uint32_t capacity);
 int HIC_GetArrayName(int fd, char* buf, uint32_t capacity);
 // 0 when the array software is 2.7 or later; -1 when older or unreadable.
 int HIC_CheckArrayVersion(int fd);
+// -1 also when the serial number holds one of the forbidden characters.
 int HIC_GetArraySn(int fd, char* buf, uint32_t capacity);
 
 // Renders count bytes of src from index start as lowercase hex pairs, as
