@@ -6,6 +6,8 @@
 #define HIC_BASE_HANDLES_H
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -93,6 +95,25 @@ using UniqueFile = UniqueHandle<FILE, FileCloser>;
 using UniquePipe = UniqueHandle<FILE, PipeCloser>;
 // A directory stream from opendir.
 using UniqueDir = UniqueHandle<DIR, DirCloser>;
+
+// A regular file as a stream: close-on-exec, never through a symbolic link
+// in its last component, and nothing else in its place (O_NONBLOCK keeps a
+// FIFO there from blocking the open). flags give the access mode and
+// O_CREAT/O_APPEND; streamMode is the matching fdopen mode. Created files
+// get 0666 less the umask, as with fopen.
+inline UniqueFile OpenRegularStream(const char* path, int flags, const char* streamMode) {
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg)
+    UniqueFd fd(::open(path, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0666));
+    struct stat st {};
+    if (!fd.Valid() || ::fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        return UniqueFile();
+    }
+    UniqueFile file(::fdopen(fd.Get(), streamMode));
+    if (file.Valid()) {
+        (void)fd.Release();  // the stream owns it now
+    }
+    return file;
+}
 
 // A heap block from malloc. Allocation failure is an ordinary result the
 // caller reports (Valid() is false), never an exception.

@@ -39,11 +39,13 @@ int HIC_StartQueryCollectInfoByLun(const HIC_LunInfo* lun, HIC_ArrayInfo* array)
         return -1;
     }
     char workspace[HIC_PATH_LEN];
-    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
+    if (HIC_GetWorkspacePath(__func__, array, "", workspace, sizeof(workspace)) != 0) {
         return -1;
     }
     // Nothing of an earlier task survives into this one.
-    HIC_DeleteFileByPath(workspace);
+    if (HIC_RemoveWorkspace(__func__, workspace) != 0) {
+        return -1;
+    }
     return HIC_GetSwitchInfo(lun, array) == -1 ? -1 : 0;
 }
 
@@ -83,14 +85,15 @@ void* HIC_CollectTaskThread(void* arg) {
         return nullptr;
     }
     char workspace[HIC_PATH_LEN];
-    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
+    if (HIC_GetWorkspacePath(__func__, array, "", workspace, sizeof(workspace)) != 0 ||
+        HIC_CheckWorkspace(__func__, workspace, false) != 0) {
         hic::CollectThreadEnded(array);
         return nullptr;
     }
     hic::StartQuerying(array);
 
     if (HIC_GetCollectScriptFromArray(array) == -1 || !hic::IsCollecting(array)) {
-        HIC_DeleteFileByPath(workspace);
+        (void)HIC_RemoveWorkspace(__func__, workspace);
         hic::EndWithoutCollection(array);
         hic::CollectThreadEnded(array);
         return nullptr;
@@ -104,7 +107,7 @@ void* HIC_CollectTaskThread(void* arg) {
         hic::FinishWork(array);
     }
     hic::HandBack(array);
-    HIC_DeleteFileByPath(workspace);
+    (void)HIC_RemoveWorkspace(__func__, workspace);
     hic::CollectThreadEnded(array);
     return nullptr;
 }

@@ -1,5 +1,7 @@
 #include "collect/result_upload.h"
 
+#include <fcntl.h>
+
 #include <ctime>
 
 #include "base/coding.h"
@@ -81,7 +83,9 @@ int HIC_GetFileBufAndWriteToArray(int fd, FILE* file, unsigned char* buf, long o
 }
 
 int HIC_WriteResultFileBufToArray(int fd, const HIC_ArrayInfo* array, const char* path) {
-    hic::UniqueFile file(std::fopen(path, "rb"));
+    // Only a regular file: a FIFO in its place would hang this thread while
+    // it holds the upload mutex.
+    hic::UniqueFile file(hic::OpenRegularStream(path, O_RDONLY, "rb"));
     if (!file.Valid()) {
         HIC_LOG(HIC_LOG_ERROR, "fopen %s file error.\n", path);
         return -1;
@@ -124,7 +128,7 @@ int HIC_WriteResultToArray(const HIC_LunInfo* lun, HIC_ArrayInfo* array) {
         return -1;
     }
     char path[HIC_PATH_LEN];
-    if (HIC_GetWorkspacePath(array, "/result.tar.gz", path, sizeof(path)) != 0) {
+    if (HIC_GetWorkspacePath(__func__, array, "/result.tar.gz", path, sizeof(path)) != 0) {
         return -1;
     }
     int ret = 0;

@@ -98,28 +98,58 @@ int HIC_IsValidArraySn(const char* sn, uint32_t bound) {
     return 0;
 }
 
-int HIC_GetWorkspacePath(const HIC_ArrayInfo* array, const char* leaf, char* path, uint32_t size) {
+int HIC_GetWorkspacePath(const char* func, const HIC_ArrayInfo* array, const char* leaf, char* path,
+                         uint32_t size) {
     if (array == nullptr || leaf == nullptr || path == nullptr || size == 0) {
         return -1;
     }
     (void)memset_s(path, size, 0, size);
     if (HIC_IsValidArraySn(array->arraySn, HIC_ARRAY_SN_LEN) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "Invalid array sn: %s.\n", array->arraySn);
+        HIC_WriteLog(HIC_LOG_ERROR, func, __LINE__, "Invalid array sn: %s.\n", array->arraySn);
         return -1;
     }
     if (sprintf_s(path, size, "%s%s%s", HIC_WORKSPACE_ROOT, array->arraySn, leaf) == -1) {
-        HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
+        HIC_WriteLog(HIC_LOG_ERROR, func, __LINE__, "sprintf_s failed.\n");
         return -1;
     }
     return 0;
 }
 
+int HIC_CheckWorkspace(const char* func, const char* path, bool mustExist) {
+    struct stat st {};
+    if (::lstat(path, &st) != 0 && errno == ENOENT && !mustExist) {
+        return 0;
+    }
+    // A serial number can name any directory under the root, the log's
+    // among them: only one this daemon made is ever removed, reused or
+    // entered. Nobody else can make a directory of root's with this mode.
+    if (std::strcmp(path, HIC_LOG_DIR) != 0 && S_ISDIR(st.st_mode) && st.st_uid == ::geteuid() &&
+        (st.st_mode & 07777U) == HIC_WORKSPACE_MODE) {
+        return 0;
+    }
+    HIC_WriteLog(HIC_LOG_ERROR, func, __LINE__,
+                 "The directory{%s} is not a workspace, left alone.\n", path);
+    return -1;
+}
+
+int HIC_RemoveWorkspace(const char* func, const char* path) {
+    if (HIC_CheckWorkspace(func, path, false) != 0) {
+        return -1;
+    }
+    HIC_DeleteFileByPath(path);
+    return 0;
+}
+
 int HIC_GetCollectFile(const HIC_ArrayInfo* array) {
     char workspace[HIC_PATH_LEN];
-    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
+    if (HIC_GetWorkspacePath(__func__, array, "", workspace, sizeof(workspace)) != 0) {
         return -1;
     }
     HIC_CreateDirectory(workspace);
+    // Whatever the mkdir said, only the daemon's own directory gets the scripts.
+    if (HIC_CheckWorkspace(__func__, workspace, true) != 0) {
+        return -1;
+    }
 
     char command[HIC_PATH_LEN];
     (void)memset_s(command, sizeof(command), 0, sizeof(command));
@@ -158,7 +188,7 @@ void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array) {
     // Callers have checked the serial number; this checks it again before it
     // enters a shell command line.
     char workspace[HIC_PATH_LEN];
-    if (HIC_GetWorkspacePath(array, "", workspace, sizeof(workspace)) != 0) {
+    if (HIC_GetWorkspacePath(__func__, array, "", workspace, sizeof(workspace)) != 0) {
         return;
     }
 
@@ -175,7 +205,7 @@ void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array) {
     char pack[HIC_PATH_LEN];
     (void)memset_s(pack, sizeof(pack), 0, sizeof(pack));
     if (sprintf_s(pack, sizeof(pack),
-                  "cd %s/; tar zcf %s/result.tar.gz *.data CollectLog_*.txt >/dev/null 2>&1",
+                  "cd %s/; tar zcf %s/result.tar.gz -- *.data CollectLog_*.txt >/dev/null 2>&1",
                   workspace, workspace) == -1) {
         HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
         return;

@@ -18,9 +18,17 @@ constexpr uint32_t HIC_CHILD_PATH_LEN = 4096;
 // digit: only such a serial number may enter a path or a shell command.
 int HIC_IsValidArraySn(const char* sn, uint32_t bound);
 // Forms "/opt/Vornal/<SN>" followed by leaf ("" for the workspace itself)
-// in path. -1, logged, when the serial number may not enter a path or the
-// result does not fit.
-int HIC_GetWorkspacePath(const HIC_ArrayInfo* array, const char* leaf, char* path, uint32_t size);
+// in path. -1, logged under the caller's operation name func, when the
+// serial number may not enter a path or the result does not fit.
+int HIC_GetWorkspacePath(const char* func, const HIC_ArrayInfo* array, const char* leaf, char* path,
+                         uint32_t size);
+// 0 when path holds a workspace this daemon made: a real directory (not a
+// link) of the daemon's user with mode 0600, never the log's directory; or,
+// unless mustExist, nothing at all. Anything else: -1, one ERROR line under
+// func, and nothing there is touched.
+int HIC_CheckWorkspace(const char* func, const char* path, bool mustExist);
+// HIC_DeleteFileByPath, only after HIC_CheckWorkspace allows it.
+int HIC_RemoveWorkspace(const char* func, const char* path);
 // Makes the workspace and copies the two scripts into it.
 int HIC_GetCollectFile(const HIC_ArrayInfo* array);
 void HIC_CreateDirectory(const char* path);

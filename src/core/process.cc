@@ -44,7 +44,7 @@ int PidFileWriteFailed() {
 }  // namespace
 
 void HIC_TakeTheProgramRunToBackground() {
-    (void)umask(0);
+    (void)umask(HIC_UMASK);
     struct rlimit limit {};
     if (getrlimit(RLIMIT_NOFILE, &limit) < 0) {
         HIC_LOG(HIC_LOG_ERROR, "can't get file limit.\n");
@@ -79,11 +79,18 @@ void HIC_TakeTheProgramRunToBackground() {
         HIC_LOG(HIC_LOG_ERROR, "can't change directory to /: %s.\n", std::strerror(errno));
         std::exit(1);
     }
-    (void)umask(0);
+    (void)umask(HIC_UMASK);
     const long max = (limit.rlim_max == RLIM_INFINITY) ? HIC_DEFAULT_FD_LIMIT
                                                        : static_cast<long>(limit.rlim_max);
     for (long fd = 0; fd < max; ++fd) {
         (void)close(static_cast<int>(fd));
+    }
+    // Left empty, 0 to 2 would go to the next files opened (the pid file, a
+    // disk), and every child's output and any stray write with them.
+    for (int fd = 0; fd <= STDERR_FILENO; ++fd) {
+        if (open(HIC_DEV_NULL, O_RDWR) != fd) {  // NOLINT(cppcoreguidelines-pro-type-vararg)
+            break;
+        }
     }
 }
 
@@ -103,7 +110,8 @@ int HIC_GetPidFileFd() {
 int HIC_CheckIsAlreadyRunning() {
     char text[kPidTextLen];
     (void)memset_s(text, sizeof(text), 0, sizeof(text));
-    g_pidFileFd = open(HIC_PID_FILE, O_RDWR | O_CREAT, HIC_PID_FILE_MODE);  // NOLINT
+    g_pidFileFd = open(HIC_PID_FILE, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC,  // NOLINT
+                       HIC_PID_FILE_MODE);
     if (g_pidFileFd < 0) {
         HIC_LOG(HIC_LOG_ERROR, "can't open %s: %s.\n", HIC_PID_FILE, std::strerror(errno));
         return -1;
@@ -136,7 +144,7 @@ int HIC_CheckVornal() {
         HIC_LOG(HIC_LOG_ERROR, "Vornal is not installed in the OS.\n");
         return -1;
     }
-    hic::UniquePipe pipe(popen(HIC_VNADMIN_VERSION_CMD, "r"));
+    hic::UniquePipe pipe(popen(HIC_VNADMIN_VERSION_CMD, "re"));
     if (!pipe.Valid()) {
         HIC_LOG(HIC_LOG_ERROR, "popen failed.\n");
         return 0;

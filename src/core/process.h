@@ -5,6 +5,10 @@
 
 constexpr const char* HIC_PID_FILE = "/Vornal/install/otherTools/hostInfoCollect.pid";
 constexpr unsigned int HIC_PID_FILE_MODE = 0600;
+// Nothing the daemon or its children create is writable by others.
+constexpr unsigned int HIC_UMASK = 022;
+// Opened on descriptors 0 to 2 once every descriptor is closed.
+constexpr const char* HIC_DEV_NULL = "/dev/null";
 // Descriptors closed when the hard limit is unlimited.
 constexpr long HIC_DEFAULT_FD_LIMIT = 1024;
 
@@ -13,7 +17,7 @@ constexpr const char* HIC_VNADMIN_VERSION_CMD =
     "vnadmin show version | grep \"Driver\" | awk '{printf $NF}'";
 
 // Double fork into a new session with SIGHUP ignored, working directory
-// "/", umask 0 and every descriptor closed. Returns only in the daemon;
+// "/", umask 022, every descriptor closed and /dev/null on 0 to 2. Returns only in the daemon;
 // every other process, and any failure, ends here.
 void HIC_TakeTheProgramRunToBackground();
 // 0 when this process holds the pid-file lock and has written its pid.

@@ -41,7 +41,8 @@ int HIC_CheckIsValidDev(const struct dirent* entry, char* vendor, uint32_t vendo
         HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
         return -1;
     }
-    hic::UniqueFd fd(::open(devPath, O_RDONLY));  // NOLINT(cppcoreguidelines-pro-type-vararg)
+    hic::UniqueFd fd(
+        ::open(devPath, O_RDONLY | O_CLOEXEC));  // NOLINT(cppcoreguidelines-pro-type-vararg)
     if (!fd.Valid()) {
         HIC_LOG(HIC_LOG_ERROR, "open %s failed.\n", devPath);
         return -1;

@@ -1,5 +1,6 @@
 #include "inventory/vnadm_refresh.h"
 
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,9 +15,11 @@ namespace {
 constexpr int kDevNameToken = 1;  // the 2nd token, counted from 0
 constexpr int kWwnToken = 3;      // the 4th token
 
+// Busy by the array list's own measure: a collection thread that has been
+// started but has not yet left the idle state walks LUN records too.
 bool AnyArrayBusy() {
     for (const HIC_ArrayInfo* array : hic::EntriesOf<HIC_ArrayInfo>(&HIC_ArrayListHead)) {
-        if (array->taskState.load() != HIC_TASK_IDLE) {
+        if (!HIC_IsArrayReleased(array)) {
             return true;
         }
     }
@@ -32,6 +35,20 @@ HIC_VnLunInfo* FindConfirmation(HIC_ListHead* head, const HIC_LunInfo* lun) {
         }
     }
     return nullptr;
+}
+
+// Only a kernel block-device name may become "/dev/<name>": letters and
+// digits, not empty. Anything else ("../run/x", "--") could name another file.
+bool IsPlainDevName(const char* name) {
+    if (*name == '\0') {
+        return false;
+    }
+    for (; *name != '\0'; ++name) {
+        if (std::isalnum(static_cast<unsigned char>(*name)) == 0) {
+            return false;
+        }
+    }
+    return true;
 }
 
 HIC_VnLunInfo* AllocVnLunInfo() {
@@ -66,12 +83,13 @@ int HIC_GetVnLunInfoListByVnadm(HIC_ListHead* head) {
     (void)memset_s(line, sizeof(line), 0, sizeof(line));
     (void)memset_s(prevWwn, sizeof(prevWwn), 0, sizeof(prevWwn));
 
-    hic::UniquePipe pipe(::popen(HIC_VNADM_LIST_CMD, "r"));
+    hic::UniquePipe pipe(::popen(HIC_VNADM_LIST_CMD, "re"));
     if (!pipe.Valid()) {
         HIC_LOG(HIC_LOG_ERROR, "popen failed.\n");
         return -1;
     }
     char slots[HIC_VNADM_MAX_TOKENS][HIC_VNADM_SLOT_LEN];
+    int entries = 0;
     while (std::fgets(line, sizeof(line), pipe.Get()) != nullptr) {
         if (std::strlen(line) == 0) {
             continue;
@@ -84,6 +102,9 @@ int HIC_GetVnLunInfoListByVnadm(HIC_ListHead* head) {
                                   static_cast<uint32_t>(std::strlen(tok)));
             tok = strtok_s(nullptr, " ", &ctx);
         }
+        if (!IsPlainDevName(slots[kDevNameToken])) {
+            continue;
+        }
         // Only the line just before counts: the same WWN twice in a row is
         // one LUN. The filter starts empty, so a first line without a 4th
         // token is dropped as well.
@@ -92,6 +113,11 @@ int HIC_GetVnLunInfoListByVnadm(HIC_ListHead* head) {
         }
         (void)strncpy_s(prevWwn, sizeof(prevWwn), slots[kWwnToken], HIC_VNADM_FIELD_LEN - 1);
 
+        if (++entries > HIC_VNADM_MAX_LUNS) {
+            HIC_LOG(HIC_LOG_ERROR, "vnadm lists more than %d luns, refresh skipped.\n",
+                    HIC_VNADM_MAX_LUNS);
+            return -1;
+        }
         HIC_VnLunInfo* entry = AllocVnLunInfo();
         if (entry == nullptr) {
             return -1;

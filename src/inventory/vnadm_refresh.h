@@ -12,6 +12,9 @@ constexpr uint32_t HIC_VNADM_LINE_LEN = 512;
 constexpr int HIC_VNADM_MAX_TOKENS = 15;
 constexpr uint32_t HIC_VNADM_SLOT_LEN = 256;
 constexpr uint32_t HIC_VNADM_FIELD_LEN = 257;
+// Most LUNs one listing may report: a longer one is refused whole, so that
+// what a broken tool prints costs bounded memory and log.
+constexpr int HIC_VNADM_MAX_LUNS = 4096;
 
 // One LUN of the listing, in a list that lives for one refresh only.
 struct HIC_VnLunInfo {

@@ -1,5 +1,6 @@
 #include "log/log.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <atomic>
@@ -64,6 +65,14 @@ void RotateOnce(std::shared_lock<std::shared_mutex>& shared) {
     shared.lock();
 }
 
+// One call is one line: a carriage return or an escape sequence from a
+// device name or a serial number could otherwise forge or hide lines. Every
+// control character but the line's final line end becomes '?'.
+bool IsForbiddenControl(const char* text, std::size_t i, std::size_t len) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    return (c < 0x20U || c == 0x7FU) && !(c == '\n' && i + 1 == len);
+}
+
 // Forms the whole line and hands it to the stream in one piece: the stream
 // is unbuffered, so the line reaches the file in a single append write and
 // lines of concurrent threads never interleave.
@@ -97,6 +106,11 @@ __attribute__((format(printf, 6, 0))) void WriteLine(FILE* file, const char* dat
     (void)std::snprintf(text, total, kLinePrefix, date, levelName, func, line);
     (void)std::vsnprintf(text + prefixLen, total - static_cast<std::size_t>(prefixLen), format,
                          args);
+    for (std::size_t i = static_cast<std::size_t>(prefixLen); i + 1 < total; ++i) {
+        if (IsForbiddenControl(text, i, total - 1)) {
+            text[i] = '?';
+        }
+    }
     (void)std::fwrite(text, 1, total - 1, file);
     (void)std::fflush(file);
 }
@@ -174,7 +188,9 @@ void HIC_WriteLog(int level, const char* func, int line, const char* format, ...
     // change it under them (declared first, so it restores last).
     const ErrnoKeeper keepErrno;
     std::shared_lock<std::shared_mutex> shared(g_rotationGuard);
-    const hic::UniqueFile file(std::fopen(HIC_LOG_PATH, "ab"));
+    // Not through a link planted in the log's place, nor into a FIFO.
+    const hic::UniqueFile file(
+        hic::OpenRegularStream(HIC_LOG_PATH, O_WRONLY | O_APPEND | O_CREAT, "ab"));
     if (!file.Valid()) {
         return;
     }

@@ -12,6 +12,7 @@ constexpr int HIC_LOG_INFO = 1;
 constexpr int HIC_LOG_WARN = 2;
 constexpr int HIC_LOG_ERROR = 3;
 
+constexpr const char* HIC_LOG_DIR = "/opt/Vornal/log";
 constexpr const char* HIC_LOG_PATH = "/opt/Vornal/log/hostinfotool.log";
 constexpr const char* HIC_LOG_BAK_PATH = "/opt/Vornal/log/hostinfotool_bak.log";
 constexpr const char* HIC_LOG_ARCHIVE_PATH = "/opt/Vornal/log/hostinfolog.tar.gz";

@@ -15,7 +15,8 @@ int HIC_OpenDevByPath(const char* path, int mode) {
     if (path == nullptr) {
         return -1;
     }
-    const int flags = (mode == HIC_OPEN_READ_ONLY) ? O_RDONLY : O_RDWR;
+    // Close-on-exec: a shell command started meanwhile must not inherit a disk.
+    const int flags = ((mode == HIC_OPEN_READ_ONLY) ? O_RDONLY : O_RDWR) | O_CLOEXEC;
     const int fd = ::open(path, flags);  // NOLINT(cppcoreguidelines-pro-type-vararg)
     if (fd < 0) {
         HIC_LOG(HIC_LOG_ERROR, "open %s failed.\n", path);

@@ -25,7 +25,7 @@ int32_t HIC_ReadFileByLine(const char* path, const char* key, char* out, int32_t
         HIC_LOG(HIC_LOG_ERROR, "alloc mem failed.\n");
         return -1;
     }
-    hic::UniqueFile file(std::fopen(path, "rb"));
+    hic::UniqueFile file(std::fopen(path, "rbe"));
     if (!file.Valid()) {
         HIC_LOG(HIC_LOG_ERROR, "fopen %s file error.\n", path);
         return -1;

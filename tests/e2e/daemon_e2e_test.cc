@@ -211,13 +211,13 @@ TEST_F(DaemonE2eTest, StartsInTheBackgroundHoldingItsPidFile) {
     const pid_t pid = WaitForDaemon();
     ASSERT_GT(pid, 0);
 
-    // Decimal pid and one NUL, mode 0600, open on descriptor 0 and nothing else.
+    // Decimal pid and one NUL, mode 0600, open on descriptor 3 beside /dev/null on 0 to 2.
     EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + std::string(1, '\0'));
     struct stat st {};
     ASSERT_EQ(::stat(kPidFile, &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0600U);
     const std::string proc = "/proc/" + std::to_string(pid);
-    EXPECT_EQ(ReadLink(proc + "/fd/0"), kPidFile);
+    EXPECT_EQ(ReadLink(proc + "/fd/3"), kPidFile);
     // After the first pass the array's task has come and gone.
     ASSERT_TRUE(WaitFor([&] { return rig_->client().Commands({{"kind", "c7"}}).size() == 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -230,7 +230,10 @@ TEST_F(DaemonE2eTest, StartsInTheBackgroundHoldingItsPidFile) {
         }
         ::closedir(d);
     }
-    EXPECT_EQ(fds, std::set<std::string>{"0"});
+    EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2", "3"}));
+    for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"}) {
+        EXPECT_EQ(ReadLink(proc + fd), "/dev/null");
+    }
     EXPECT_EQ(ReadLink(proc + "/cwd"), "/");
     // A session of its own, not the invoking shell's, and not its leader.
     EXPECT_NE(::getsid(pid), ::getsid(0));
@@ -499,7 +502,7 @@ hic_test::LogList ArmedLines(const std::string& sn, const std::string& dev,
         Debug("HIC_ExecuteCollectScript",
               "sh " + dir + "/hic_collect.sh -scene upgrade >/dev/null 2>&1.\n"),
         Debug("HIC_ExecuteCollectScript", "cd " + dir + "/; tar zcf " + dir +
-                                              "/result.tar.gz *.data CollectLog_*.txt "
+                                              "/result.tar.gz -- *.data CollectLog_*.txt "
                                               ">/dev/null 2>&1.\n")};
 }
 

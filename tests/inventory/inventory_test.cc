@@ -175,6 +175,11 @@ TEST_F(InventoryTest, ListingReaderTakesTheSecondAndFourthWords) {
         {"later_short_lines",
          "2 sdc b " + w2 + " Normal\nNormal sdb lun\nNormal sdd lun\n",
          {{"sdc", w2}, {"sdb", "--"}}},
+        // Only a kernel device name may form a device path.
+        {"only_plain_device_names",
+         "1 ../run/x lun " + w1 + " Normal\n1 sd\x1b[2Jb lun " + w1 + " Normal\n2 sdc b " + w2 +
+             " Normal\n",
+         {{"sdc", w2}}},
         {"first_short_line_lost", "Normal\n1 sdb lun " + w1 + " Normal\n", {{"sdb", w1}}},
         {"tabs_kept_in_tokens", "1\tsdb lun " + w1 + " x Normal\n", {{"lun", "x"}}},
         {"token_of_255_characters",

@@ -246,7 +246,7 @@ const SendCase kSendCases[] = {
      "ERR HIC_GetIpAndType: Read IpType failed.\n"
      "ERR HIC_GetSendIPAndType: Get Host IP and IPType failed \n"},
     {"NoSemicolon", "IpType=IPv4;\nIpAddress=1.2.3.4\n", true, HIC_LOG_INFO, -1, 0x55, Filled(),
-     "ERR HIC_GetValueFromLine: No \";\" found in line {IpAddress=1.2.3.4\n}.\n"
+     "ERR HIC_GetValueFromLine: No \";\" found in line {IpAddress=1.2.3.4?}.\n"
      "ERR HIC_GetSendIPAndType: Get Host IP and IPType failed \n"},
 };
 

@@ -67,7 +67,7 @@ const FileCase kFileCases[] = {
      "ERR HIC_ReadFileByLine: fopen /etc/vn.hostinfo file error.\n"
      "ERR HIC_GetIpAndType: Read IpType failed.\n"},
     {"TypeWithoutSemicolon", "IpType=IPv4\nIpAddress=1.2.3.4;\n", true, -1, "", "",
-     "ERR HIC_GetValueFromLine: No \";\" found in line {IpType=IPv4\n}.\n"},
+     "ERR HIC_GetValueFromLine: No \";\" found in line {IpType=IPv4?}.\n"},
     {"LastLineWithoutSemicolonOrNewline", "IpType=IPv4;\nIpAddress=1.2.3.4", true, -1, "", "IPv4",
      "ERR HIC_GetValueFromLine: No \";\" found in line {IpAddress=1.2.3.4}.\n"},
     // 250 + 5 characters fill the first piece: the key is cut after "IpTyp"
