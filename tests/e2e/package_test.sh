@@ -50,7 +50,6 @@ drwxr-xr-x root/root ./opt/Vornal/log/
 same "tmpfiles.d" "d /Vornal/install/otherTools 0755 root root -
 d /opt/Vornal/log 0755 root root -" "$(dpkg-deb --fsys-tarfile "$deb" | tar -xOf - ./usr/lib/tmpfiles.d/vn_hostinfo.conf | grep -v '^#')"
 dpkg-deb -x "$deb" "$work/root"
-hardening-check --nocfprotection "$work/root/usr/sbin/vn_hostinfo" >/dev/null || fail "$(hardening-check "$work/root/usr/sbin/vn_hostinfo")"
 dpkg-deb -x "$work/1/vn-hostinfo-dbgsym_${deb#*_}" "$work/dbg"
 # The compile flags of every unit, as recorded in the debug symbols.
 producers=$(find "$work/dbg" -name '*.debug' -exec readelf -z -p .debug_str {} + 2>/dev/null | grep -o 'GNU C.*')
@@ -95,6 +94,12 @@ drwxr-xr-x /opt/Vornal/log
 -rwxr-xr-x /usr/sbin/vn_hostinfo
 -rw-r--r-- /usr/share/man/man8/vn_hostinfo.8" \
   "$(rpm -qlvp "$rpm" 2>/dev/null | awk '$1 !~ /^[dl]/ || $9 ~ /(otherTools|log)$/ {print $1, $9}')"
+mkdir "$work/rpmroot" && rpm2archive - <"$rpm" | tar -xzf - -C "$work/rpmroot"
+# The Debian build's flags come from dpkg-buildflags, the RPM's from the
+# Release build type.
+for bin in "$work"/{root,rpmroot}/usr/sbin/vn_hostinfo; do
+  hardening-check --nocfprotection "$bin" >/dev/null || fail "$(hardening-check "$bin")"
+done
 scripts=$(rpm -qp --scripts "$rpm" 2>/dev/null)
 # shellcheck disable=SC2016  # scriptlet text, not expanded here
 for want in "systemd-tmpfiles --create vn_hostinfo.conf" "systemctl --no-reload disable --now vn_hostinfo.service" \
