@@ -1,6 +1,5 @@
 #include "collect/collect_task.h"
 
-#include "base/thread.h"
 #include "bounded/bounded.h"
 #include "collect/result_upload.h"
 #include "collect/switch_poll.h"
@@ -24,10 +23,8 @@ int HIC_StartCollectTaskForArray(HIC_ArrayInfo* array) {
     (void)memcpy_s(array->hostIp, sizeof(array->hostIp), hostIp, sizeof(hostIp));
     array->ipType = ipType;
 
-    hic::CollectThreadStarting(array);
-    const int ret = hic::StartDetachedThread(HIC_CollectTaskThread, array);
+    const int ret = hic::StartCollectThread(array, HIC_CollectTaskThread);
     if (ret != 0) {
-        hic::CollectThreadEnded(array);
         HIC_LOG(HIC_LOG_INFO, "fail to create pthread HIC_CollectTaskThread, ret:%d.\n", ret);
         return -1;
     }
@@ -87,7 +84,7 @@ void* HIC_CollectTaskThread(void* arg) {
     char workspace[HIC_PATH_LEN];
     if (HIC_GetWorkspacePath(__func__, array, "", workspace, sizeof(workspace)) != 0 ||
         HIC_CheckWorkspace(__func__, workspace, false) != 0) {
-        hic::CollectThreadEnded(array);
+        hic::EndWithoutCollection(array);
         return nullptr;
     }
     hic::StartQuerying(array);
@@ -95,7 +92,6 @@ void* HIC_CollectTaskThread(void* arg) {
     if (HIC_GetCollectScriptFromArray(array) == -1 || !hic::IsCollecting(array)) {
         (void)HIC_RemoveWorkspace(__func__, workspace);
         hic::EndWithoutCollection(array);
-        hic::CollectThreadEnded(array);
         return nullptr;
     }
 

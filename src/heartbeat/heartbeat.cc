@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include "base/handles.h"
-#include "base/thread.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 #include "scsi/sg_transport.h"
@@ -83,10 +82,8 @@ int HIC_HeartBeatThreadCreate(HIC_ArrayInfo* array) {
         return -1;
     }
     HIC_LOG(HIC_LOG_INFO, "start HeartBeat C9 to array: %s.\n", array->arraySn);
-    hic::HeartbeatStarting(array);
-    const int ret = hic::StartDetachedThread(HIC_SendC9ToArray, array);
+    const int ret = hic::StartHeartbeatThread(array, HIC_SendC9ToArray);
     if (ret != 0) {
-        hic::HeartbeatEnded(array);
         HIC_LOG(HIC_LOG_ERROR, "fail to create pthread heartBeatC9, ret:%d.\n", ret);
         return -1;
     }

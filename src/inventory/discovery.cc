@@ -61,30 +61,30 @@ void HIC_GetDevInfo(HIC_LunInfo* lun) {
     if (lun == nullptr) {
         return;
     }
+    // The four identity fields, each with its reader and its name in the
+    // failure line.
+    const struct {
+        int (*read)(int, char*, uint32_t);
+        char* field;
+        uint32_t size;
+        const char* what;
+    } fields[] = {
+        {HIC_GetLunName, lun->lunName, sizeof(lun->lunName), "lun name"},
+        {HIC_GetLunWwn, lun->lunWwn, sizeof(lun->lunWwn), "wwn"},
+        {HIC_GetArrayName, lun->arrayName, sizeof(lun->arrayName), "array name"},
+        {HIC_GetArraySn, lun->arraySn, sizeof(lun->arraySn), "array SN"},
+    };
     hic::UniqueFd fd(HIC_OpenDevByPath(lun->devPath, HIC_OPEN_READ_ONLY));
     if (!fd.Valid()) {
-        SetNoValue(lun->lunName, sizeof(lun->lunName));
-        SetNoValue(lun->lunWwn, sizeof(lun->lunWwn));
-        SetNoValue(lun->arrayName, sizeof(lun->arrayName));
-        SetNoValue(lun->arraySn, sizeof(lun->arraySn));
         HIC_LOG(HIC_LOG_ERROR, "open %s failed.\n", lun->devPath);
-        return;
     }
-    if (HIC_GetLunName(fd.Get(), lun->lunName, sizeof(lun->lunName)) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "get lun name for %s failed.\n", lun->devPath);
-        SetNoValue(lun->lunName, sizeof(lun->lunName));
-    }
-    if (HIC_GetLunWwn(fd.Get(), lun->lunWwn, sizeof(lun->lunWwn)) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "get wwn for %s failed.\n", lun->devPath);
-        SetNoValue(lun->lunWwn, sizeof(lun->lunWwn));
-    }
-    if (HIC_GetArrayName(fd.Get(), lun->arrayName, sizeof(lun->arrayName)) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "get array name for %s failed.\n", lun->devPath);
-        SetNoValue(lun->arrayName, sizeof(lun->arrayName));
-    }
-    if (HIC_GetArraySn(fd.Get(), lun->arraySn, sizeof(lun->arraySn)) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "get array SN for %s failed.\n", lun->devPath);
-        SetNoValue(lun->arraySn, sizeof(lun->arraySn));
+    for (const auto& f : fields) {
+        if (!fd.Valid()) {
+            SetNoValue(f.field, f.size);
+        } else if (f.read(fd.Get(), f.field, f.size) != 0) {
+            HIC_LOG(HIC_LOG_ERROR, "get %s for %s failed.\n", f.what, lun->devPath);
+            SetNoValue(f.field, f.size);
+        }
     }
 }
 

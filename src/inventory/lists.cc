@@ -5,6 +5,7 @@
 #include <new>
 #include <type_traits>
 
+#include "base/thread.h"
 #include "bounded/bounded.h"
 #include "log/log.h"
 
@@ -81,14 +82,19 @@ void ReturnToIdle(HIC_ArrayInfo* array) {
     (void)array->taskState.compare_exchange_strong(finished, HIC_TASK_IDLE);
 }
 
-}  // namespace
-
-void hic::CollectThreadStarting(HIC_ArrayInfo* array) {
-    array->collectRunning.store(1);
+int StartHolding(std::atomic<int32_t>* flag, void* (*entry)(void*), HIC_ArrayInfo* array) {
+    flag->store(1);
+    const int ret = hic::StartDetachedThread(entry, array);
+    if (ret != 0) {
+        flag->store(0);
+    }
+    return ret;
 }
 
-void hic::CollectThreadEnded(HIC_ArrayInfo* array) {
-    array->collectRunning.store(0);
+}  // namespace
+
+int hic::StartCollectThread(HIC_ArrayInfo* array, void* (*entry)(void*)) {
+    return StartHolding(&array->collectRunning, entry, array);
 }
 
 void hic::StartQuerying(HIC_ArrayInfo* array) {
@@ -103,20 +109,16 @@ bool hic::IsCollecting(const HIC_ArrayInfo* array) {
     return array->taskState.load() == HIC_TASK_COLLECTING;
 }
 
-void hic::EndWithoutCollection(HIC_ArrayInfo* array) {
-    array->taskState.store(HIC_TASK_IDLE);
-}
-
-void hic::FinishWork(HIC_ArrayInfo* array) {
-    array->taskState.store(HIC_TASK_FINISHED);
+int hic::StartHeartbeatThread(HIC_ArrayInfo* array, void* (*entry)(void*)) {
+    return StartHolding(&array->heartBeatRunning, entry, array);
 }
 
 bool hic::IsWorkFinished(const HIC_ArrayInfo* array) {
     return array->taskState.load() == HIC_TASK_FINISHED;
 }
 
-void hic::HeartbeatStarting(HIC_ArrayInfo* array) {
-    array->heartBeatRunning.store(1);
+void hic::FinishWork(HIC_ArrayInfo* array) {
+    array->taskState.store(HIC_TASK_FINISHED);
 }
 
 void hic::HeartbeatEnded(HIC_ArrayInfo* array) {
@@ -128,6 +130,15 @@ void hic::HandBack(HIC_ArrayInfo* array) {
     if (array->heartBeatRunning.load() == 0) {
         ReturnToIdle(array);
     }
+}
+
+void hic::EndWithoutCollection(HIC_ArrayInfo* array) {
+    array->taskState.store(HIC_TASK_IDLE);
+    array->collectRunning.store(0);
+}
+
+void hic::CollectThreadEnded(HIC_ArrayInfo* array) {
+    array->collectRunning.store(0);
 }
 
 void HIC_FreeLunList() {

@@ -84,14 +84,14 @@ bool HIC_IsArrayReleased(const HIC_ArrayInfo* array);
 // collection thread and its heartbeat thread, without a lock (the three
 // fields are atomics). Each flag has one owner, who raises it before the
 // thread it stands for exists and clears it as that thread's last touch of
-// the record:
-// - main thread: CollectThreadStarting, then creates the collection thread
-//   (CollectThreadEnded if that fails);
+// the record; only these transitions change the three fields:
+// - main thread: StartCollectThread;
 // - collection thread: StartQuerying; StartCollecting (through the switch
-//   query); HeartbeatStarting, then creates the heartbeat thread
-//   (HeartbeatEnded if that fails); FinishWork after the upload (the
+//   query); StartHeartbeatThread; FinishWork after the upload (the
 //   upload's success does it first), which stops the heartbeat; HandBack;
-//   removes the workspace; CollectThreadEnded, its very last step;
+//   removes the workspace; CollectThreadEnded, its very last step. Without
+//   a collection, it removes the workspace and ends with
+//   EndWithoutCollection instead;
 // - heartbeat thread: polls IsWorkFinished, then HeartbeatEnded.
 // HandBack and HeartbeatEnded both turn FINISHED into IDLE, so whichever of
 // the two threads comes last leaves the array idle. Idle alone does not
@@ -101,20 +101,22 @@ bool HIC_IsArrayReleased(const HIC_ArrayInfo* array);
 // thread from starting one (HIC_IsArrayReleased) until the old task is gone,
 // and keeps the record alive until no thread can touch it any more.
 namespace hic {
-void CollectThreadStarting(HIC_ArrayInfo* array);
-void CollectThreadEnded(HIC_ArrayInfo* array);
+// Raise the thread's flag, create the detached thread with the record as its
+// argument, clear the flag again if that fails; pthread_create's result.
+int StartCollectThread(HIC_ArrayInfo* array, void* (*entry)(void*));
+int StartHeartbeatThread(HIC_ArrayInfo* array, void* (*entry)(void*));
 void StartQuerying(HIC_ArrayInfo* array);
 void StartCollecting(HIC_ArrayInfo* array);
 bool IsCollecting(const HIC_ArrayInfo* array);
-// Back to idle without a collection: the array declined, no LUN answered,
-// or the heartbeat could not be started.
+// Idle and released without a collection: the array declined, no LUN
+// answered, or the heartbeat could not be started.
 void EndWithoutCollection(HIC_ArrayInfo* array);
 void FinishWork(HIC_ArrayInfo* array);
 bool IsWorkFinished(const HIC_ArrayInfo* array);
-void HeartbeatStarting(HIC_ArrayInfo* array);
 void HeartbeatEnded(HIC_ArrayInfo* array);
 // FINISHED to IDLE, unless the heartbeat still runs and will do it itself.
 void HandBack(HIC_ArrayInfo* array);
+void CollectThreadEnded(HIC_ArrayInfo* array);
 }  // namespace hic
 
 void HIC_FreeLunList();

@@ -10,16 +10,16 @@
 constexpr uint32_t HIC_INQUIRY_CDB_LEN = 6;
 constexpr unsigned char HIC_INQUIRY_OPCODE = 0x12;
 
-// Pages and allocation lengths the readers use.
+// Pages the readers use, each with the allocation length asked for.
 constexpr unsigned char HIC_PAGE_STANDARD = 0x00;
-constexpr unsigned char HIC_PAGE_UNIT_SN = 0x80;
-constexpr unsigned char HIC_PAGE_DEVICE_ID = 0x83;
-constexpr unsigned char HIC_PAGE_ARRAY_VERSION = 0xC0;
-constexpr unsigned char HIC_PAGE_LUN_INFO = 0xC8;
 constexpr uint32_t HIC_STANDARD_INQ_LEN = 36;
+constexpr unsigned char HIC_PAGE_UNIT_SN = 0x80;
 constexpr uint32_t HIC_UNIT_SN_INQ_LEN = 28;
+constexpr unsigned char HIC_PAGE_DEVICE_ID = 0x83;
 constexpr uint32_t HIC_DEVICE_ID_INQ_LEN = 24;
+constexpr unsigned char HIC_PAGE_ARRAY_VERSION = 0xC0;
 constexpr uint32_t HIC_ARRAY_VERSION_INQ_LEN = 716;
+constexpr unsigned char HIC_PAGE_LUN_INFO = 0xC8;
 constexpr uint32_t HIC_LUN_INFO_INQ_LEN = 512;
 
 // The 13 characters a serial number may not contain: it names a directory
