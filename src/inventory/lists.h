@@ -23,6 +23,7 @@ constexpr const char* HIC_NO_VALUE = "--";
 
 // Buffers of device paths, workspace paths and command lines.
 constexpr uint32_t HIC_PATH_LEN = 256;
+// Widths of the other fields, terminator included.
 constexpr uint32_t HIC_LUN_NAME_LEN = 257;
 constexpr uint32_t HIC_LUN_WWN_LEN = 257;
 constexpr uint32_t HIC_VENDOR_ID_LEN = 17;
@@ -82,9 +83,11 @@ bool HIC_IsArrayReleased(const HIC_ArrayInfo* array);
 
 // The hand-over of an array record between the main thread, the array's
 // collection thread and its heartbeat thread, without a lock (the three
-// fields are atomics). Each flag has one owner, who raises it before the
-// thread it stands for exists and clears it as that thread's last touch of
-// the record; only these transitions change the three fields:
+// fields are atomics). Each flag is raised by the thread that creates the
+// thread it stands for, before that thread exists, and cleared as that
+// thread's last touch of the record. taskState is written by the collection
+// thread alone, but for the heartbeat's FINISHED to IDLE; the main thread
+// only reads. Only these transitions change the three fields:
 // - main thread: StartCollectThread;
 // - collection thread: StartQuerying; StartCollecting (through the switch
 //   query); StartHeartbeatThread; FinishWork after the upload (the
