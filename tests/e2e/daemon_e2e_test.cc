@@ -552,8 +552,13 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     array.InjectFault({{"lun", twoNext}, {"kind", "c9"}, {"status", 2}, {"count", 1}});
     array.InjectFault({{"lun", two}, {"kind", "ca"}, {"status", 2}, {"after", 1}, {"count", 1}});
 
+    // A pid file left by an earlier run, longer than the new content.
+    WriteFile(kPidFile, "99999999999 stale content\n");
+
     ASSERT_EQ(Start("VN_LOG_DEBUG"), 0);
-    ASSERT_GT(WaitForDaemon(), 0);
+    const pid_t pid = WaitForDaemon();
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + std::string(1, '\0'));
     // Both collections end, and ARRAY01's heartbeat sees it.
     ASSERT_TRUE(WaitFor([&] {
         const std::string log = LoggedMessages();

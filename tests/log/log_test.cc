@@ -157,6 +157,15 @@ TEST_F(LogTest, LineIsWrittenOnlyWhenLevelAllowsIt) {
 
 
 
+// Beyond the line buffer on the stack, the line is still written whole.
+TEST_F(LogTest, LongLineIsWrittenWhole) {
+    const std::string text(200000, 'L');
+    const int line = LogAtLevel(HIC_LOG_INFO, (text + "\n").c_str());
+    const std::string log = ReadFile(HIC_LOG_PATH);
+    EXPECT_TRUE(SplitDate(log).second == Tail("INFO", "LogAtLevel", line, text + "\n"));
+    EXPECT_EQ(SplitLines(log).size(), 1U);
+}
+
 TEST_F(LogTest, MissingDirectoryLosesTheLineSilently) {
     ASSERT_EQ(std::system("rm -rf /opt/Vornal"), 0);
     HIC_SetLogLevel(HIC_LOG_DEBUG);
