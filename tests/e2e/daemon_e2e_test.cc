@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -451,6 +452,26 @@ std::vector<std::string> BlockOrder() {
     return out;
 }
 
+// The processes whose parent is pid (zombies included).
+std::vector<std::string> ChildrenOf(pid_t pid) {
+    std::vector<std::string> out;
+    if (DIR* d = ::opendir("/proc")) {
+        while (const dirent* e = ::readdir(d)) {
+            if (std::isdigit(static_cast<unsigned char>(e->d_name[0])) == 0) {
+                continue;
+            }
+            const std::string stat = ReadFile(std::string("/proc/") + e->d_name + "/stat");
+            const size_t end = stat.rfind(") ");
+            if (end != std::string::npos &&
+                std::atol(stat.c_str() + end + 4) == static_cast<long>(pid)) {
+                out.push_back(stat.substr(0, end + 1));
+            }
+        }
+        ::closedir(d);
+    }
+    return out;
+}
+
 // Of two LUNs of an array, the one the daemon takes first.
 std::pair<std::string, std::string> FirstOf(const std::vector<std::string>& order,
                                             const std::string& a, const std::string& b) {
@@ -612,6 +633,8 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     hic_test::ExpectChunks(array.Commands({{"kind", "ca"}, {"lun", twoNext}}), archive2,
                            hosts.at("ARRAY02"));
     EXPECT_EQ(Members(archive2), ExpectedMembers("ARRAY02"));
+    // No script, shell or archiver is left behind, not even as a zombie.
+    EXPECT_EQ(ChildrenOf(pid), std::vector<std::string>());
     // Every descriptor was closed again.
     for (const auto& o : hic_test::SettledOpens(array)) {
         EXPECT_EQ(o.err, 0) << o.lun;
