@@ -7,7 +7,6 @@
 
 #include <cfloat>
 #include <climits>
-#include <clocale>
 #include <cmath>
 #include <cstdarg>
 #include <cstdint>
@@ -18,7 +17,6 @@
 
 #include "bounded/arena.h"
 #include "bounded/bounded.h"
-#include "bounded/internal.h"
 
 namespace {
 
@@ -43,9 +41,6 @@ int Sprintf(char* dest, uint32_t destMax, const char* format, ...) {
 }
 int Snprintf(char* dest, uint32_t destMax, uint32_t count, const char* format, ...) {
     HIC_VA_CALL(vsnprintf_s(dest, destMax, count, format, args));
-}
-int Write(char* dest, uint32_t size, const char* format, ...) {
-    HIC_VA_CALL(hic::bounded_internal::BoundedWrite(dest, size, format, args));
 }
 int LibcInto(char* dest, size_t size, const char* format, ...) {
     HIC_VA_CALL(std::vsnprintf(dest, size, format, args));
@@ -153,28 +148,6 @@ TEST(SprintfAndSnprintf, ChecksAndTruncation) {
     }
 }
 
-TEST(BoundedWriter, ReportsTruncation) {
-    // format, size, result, and the bytes from the start
-    const std::tuple<const char*, uint32_t, int, std::string> cases[] = {
-        {"abcd", 5, 4, "abcd\0"s},
-        {"abcde", 5, -2, "abcd\0"s},
-        {"abcdefgh", 5, -2, "abcd\0"s},
-        {"", 1, 0, "\0"s},
-        {"a", 1, -2, "\0"s},
-        {"ab%y", 5, -1, "\0b"s},
-        {"abcd%y", 5, -1, "\0bcd"s},
-        // The error comes only after the buffer is full: reported as cut.
-        {"abcde%y", 5, -2, "abcd\0"s},
-    };
-    for (const auto& [format, size, result, dest] : cases) {
-        SCOPED_TRACE(format);
-        Arena arena;
-        EXPECT_EQ(Write(arena.Dest(), size, format), result);
-        arena.Expect(0, dest);
-        EXPECT_TRUE(arena.Matches());
-    }
-}
-
 TEST(FormatEngine, MalformedConversionsFail) {
     const char* formats[] = {
         "%",   "ab%",  "%y", "%n",  "%a",  "%A", "%hhhd",         "%lhd",           "%1$d",
@@ -268,24 +241,6 @@ TEST(FormatEngine, FloatingPointMatchesLibc) {
     EXPECT_EQ(Formatted("%Le|%LG", LDBL_MAX, -1.25L), Libc("%Le|%LG", LDBL_MAX, -1.25L));
     EXPECT_EQ(Formatted("%.3Lf", 2.0005L), Libc("%.3Lf", 2.0005L));
     EXPECT_EQ(Formatted("%llf", 2.5L), Libc("%llf", 2.5L));
-}
-
-TEST(FormatEngine, WideTextInUtf8) {
-    const char* previous = std::setlocale(LC_CTYPE, nullptr);
-    const std::string saved = previous != nullptr ? previous : "C";
-    if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) {
-        GTEST_SKIP() << "no C.UTF-8 locale";
-    }
-    const wchar_t* text = L"a\u00e9\u20acz";  // 1, 2, 3 and 1 bytes
-    const char* formats[] = {"[%ls]",   "[%.1ls]", "[%.2ls]",    "[%.3ls]",
-                             "[%.5ls]", "[%10ls]", "[%-10.4ls]", "[%S]"};
-    for (const char* format : formats) {
-        SCOPED_TRACE(format);
-        EXPECT_EQ(Formatted(format, text), Libc(format, text));
-    }
-    EXPECT_EQ(Formatted("[%lc|%4lc]", static_cast<wint_t>(0x20AC), static_cast<wint_t>(0xE9)),
-              Libc("[%lc|%4lc]", static_cast<wint_t>(0x20AC), static_cast<wint_t>(0xE9)));
-    std::setlocale(LC_CTYPE, saved.c_str());
 }
 
 // Texts longer than the engine's scratch buffer, whole or cut at a count:

@@ -2,8 +2,6 @@
 // of precedence, the exact destination bytes afterwards, the short-copy
 // paths at every length and alignment, and reads that stop at the NUL.
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -148,51 +146,6 @@ TEST(StrcpyS, EveryShortLengthAndAlignment) {
     }
 }
 
-// The appended length is measured byte by byte first, then by a scan;
-// every split between the two, against every capacity.
-TEST(StrcatS, EveryShortLengthAgainstEveryCapacity) {
-    for (uint32_t destLen = 0; destLen <= 10; ++destLen) {
-        for (uint32_t srcLen = 0; srcLen <= 12; ++srcLen) {
-            const std::string dest(destLen, 'd');
-            const std::string src(srcLen, 's');
-            for (uint32_t destMax = destLen + 1; destMax <= 24; ++destMax) {
-                SCOPED_TRACE(::testing::Message() << destLen << "+" << srcLen << " in " << destMax);
-                Arena arena;
-                arena.Set(0, dest + '\0');
-                const bool fits = destLen + srcLen < destMax;
-                ASSERT_EQ(strcat_s(arena.Dest(), destMax, src.c_str()), fits ? 0 : 162);
-                arena.Expect(0, fits ? dest + src + '\0' : "\0"s);
-                ASSERT_TRUE(arena.Matches());
-            }
-        }
-    }
-}
-
-// A source text whose NUL is the last byte of a readable page, followed by
-// an unreadable one: no copy may read past the NUL.
-TEST(StringCopies, StopAtTheNulBeforeAnUnreadablePage) {
-    const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    void* map = mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(map, MAP_FAILED);
-    char* const end = static_cast<char*>(map) + page;
-    ASSERT_EQ(mprotect(end, page, PROT_NONE), 0);
-    for (uint32_t len = 0; len <= 40; ++len) {
-        SCOPED_TRACE(len);
-        const std::string text(len, 't');
-        char* const src = end - len - 1;
-        std::memcpy(src, text.c_str(), len + 1);
-        char dest[64];
-        EXPECT_EQ(strcpy_s(dest, sizeof(dest), src), 0);
-        EXPECT_EQ(std::string(dest), text);
-        EXPECT_EQ(strncpy_s(dest, sizeof(dest), src, 63), 0);
-        EXPECT_EQ(std::string(dest), text);
-        dest[0] = '\0';
-        EXPECT_EQ(strcat_s(dest, sizeof(dest), src), 0);
-        EXPECT_EQ(std::string(dest), text);
-    }
-    munmap(map, 2 * page);
-}
-
 std::vector<std::string> Tokens(char* text, const char* delimiters) {
     std::vector<std::string> tokens;
     char* context = nullptr;
@@ -223,33 +176,6 @@ TEST(StrtokS, Tokens) {
         std::string text = c.text;
         EXPECT_EQ(Tokens(text.data(), c.delimiters), c.tokens);
     }
-}
-
-// Two texts cut in turn: each context keeps its own place.
-TEST(StrtokS, CutsInPlaceWithSeparateContexts) {
-    char text[] = "31.0.27";
-    char other[] = "1,2";
-    char* context = nullptr;
-    char* context2 = nullptr;
-    EXPECT_EQ(strtok_s(text, ".", &context), text);
-    EXPECT_EQ(context, text + 3);
-    EXPECT_EQ(std::string(text, sizeof(text)), "31\0000.27\0"s);
-    EXPECT_STREQ(strtok_s(other, ",", &context2), "1");
-    EXPECT_EQ(strtok_s(nullptr, ".", &context), text + 3);
-    EXPECT_STREQ(strtok_s(nullptr, ",", &context2), "2");
-    EXPECT_EQ(strtok_s(nullptr, ".", &context), text + 5);
-    EXPECT_EQ(context, text + 7);  // the end of the text
-    EXPECT_EQ(std::string(text, sizeof(text)), "31\0000\00027\0"s);
-    EXPECT_EQ(strtok_s(nullptr, ",", &context2), nullptr);
-}
-
-TEST(StrtokS, NullArguments) {
-    char text[] = "a.b";
-    char* context = nullptr;
-    EXPECT_EQ(strtok_s(text, nullptr, &context), nullptr);
-    EXPECT_EQ(strtok_s(text, ".", nullptr), nullptr);
-    EXPECT_EQ(strtok_s(nullptr, ".", &context), nullptr);  // no stored position
-    EXPECT_EQ(std::string(text), "a.b");
 }
 
 }  // namespace

@@ -17,13 +17,6 @@ using hic_test::WriteSettings;
 
 constexpr int32_t kLen = HIC_HOST_INFO_LINE_LEN;
 
-// A zero-filled 256-byte buffer holding text, as the reader hands it over.
-std::vector<char> LineBuffer(const std::string& text, size_t size = kLen) {
-    std::vector<char> buf(size, '\0');
-    std::memcpy(buf.data(), text.data(), std::min(text.size(), size));
-    return buf;
-}
-
 struct FileCase {
     const char* name;
     std::string content;
@@ -117,49 +110,6 @@ TEST_F(SandboxTest, ReadFileByLineCopiesExactlySizeBytes) {
     expected.append(16, '\xAA');
     EXPECT_EQ(std::string(out.data(), out.size()), expected);
 }
-
-struct ValueCase {
-    const char* name;
-    std::string line;
-    int32_t size;
-    int32_t rc;
-    std::string value;  // bytes written into the 'Z'-filled output
-    std::string log;
-};
-
-const ValueCase kValueCases[] = {
-    {"Simple", "a=b;c", kLen, 0, "b", ""},
-    {"EmptyValueWritesNothing", "a=;", kLen, 0, "", ""},
-    {"SecondEqualsIsPartOfValue", "a=b=c;", kLen, 0, "b=c", ""},
-    {"SemicolonBeforeEqualsSkipped", "a;b=c;d", kLen, 0, "c", ""},
-    {"BlanksKept", "k= v ;", kLen, 0, " v ", ""},
-    {"NoEquals", "abc;", kLen, -1, "",
-     "ERR HIC_GetValueFromLine: No \"=\" found in line {abc;}.\n"},
-    {"NoSemicolon", "a=bc", kLen, -1, "",
-     "ERR HIC_GetValueFromLine: No \";\" found in line {a=bc}.\n"},
-    // The scan stays below size: ";" at index 5 is out of reach of size 5.
-    {"SemicolonJustBeyondSize", "ab=cd;", 5, -1, "",
-     "ERR HIC_GetValueFromLine: No \";\" found in line {ab=cd;}.\n"},
-    {"SemicolonLastInSize", "ab=cd;", 6, 0, "cd", ""},
-    {"EqualsJustBeyondSize", "abc=;", 3, -1, "",
-     "ERR HIC_GetValueFromLine: No \"=\" found in line {abc=;}.\n"},
-};
-
-class GetValueFromLineTest : public SandboxTest, public ::testing::WithParamInterface<ValueCase> {};
-
-TEST_P(GetValueFromLineTest, CopiesValueWithoutTerminator) {
-    const ValueCase& c = GetParam();
-    const std::vector<char> line = LineBuffer(c.line);
-    std::vector<char> out(kLen, 'Z');
-    EXPECT_EQ(HIC_GetValueFromLine(line.data(), out.data(), c.size), c.rc);
-    std::string expected = c.value;
-    expected.resize(kLen, 'Z');
-    EXPECT_EQ(std::string(out.data(), out.size()), expected);
-    EXPECT_EQ(LoggedMessages(), c.log);
-}
-
-INSTANTIATE_TEST_SUITE_P(Lines, GetValueFromLineTest, ::testing::ValuesIn(kValueCases),
-                         hic_test::CaseName());
 
 // A text filling its buffer without a terminator is trimmed within it: no
 // spare byte, so ASan sees any access beyond.
