@@ -146,6 +146,26 @@ TEST(StrcpyS, EveryShortLengthAndAlignment) {
     }
 }
 
+// The appended length is measured byte by byte first, then by a scan;
+// every split between the two, against every capacity.
+TEST(StrcatS, EveryShortLengthAgainstEveryCapacity) {
+    for (uint32_t destLen = 0; destLen <= 10; ++destLen) {
+        for (uint32_t srcLen = 0; srcLen <= 12; ++srcLen) {
+            const std::string dest(destLen, 'd');
+            const std::string src(srcLen, 's');
+            for (uint32_t destMax = destLen + 1; destMax <= 24; ++destMax) {
+                SCOPED_TRACE(::testing::Message() << destLen << "+" << srcLen << " in " << destMax);
+                Arena arena;
+                arena.Set(0, dest + '\0');
+                const bool fits = destLen + srcLen < destMax;
+                ASSERT_EQ(strcat_s(arena.Dest(), destMax, src.c_str()), fits ? 0 : 162);
+                arena.Expect(0, fits ? dest + src + '\0' : "\0"s);
+                ASSERT_TRUE(arena.Matches());
+            }
+        }
+    }
+}
+
 std::vector<std::string> Tokens(char* text, const char* delimiters) {
     std::vector<std::string> tokens;
     char* context = nullptr;
