@@ -94,51 +94,42 @@ Bytes Join(std::initializer_list<Bytes> parts) {
 
 namespace {
 
-// Parses one line prefix at pos; on success gives "LEVEL func: " and its length.
+// Whether c belongs to the run a shape letter stands for: 'L' the level
+// (capitals), 'F' the operation (a name), 'N' the source line (digits).
+bool InRun(char shape, char c) {
+    const auto u = static_cast<unsigned char>(c);
+    return shape == 'L'   ? std::isupper(u) != 0
+           : shape == 'F' ? std::isalnum(u) != 0 || c == '_'
+                          : std::isdigit(u) != 0;
+}
+
+// Matches one line prefix at pos against its shape ('d' a digit, L, F and N
+// runs as above, anything else itself). On success gives "LEVEL func: "
+// and the prefix's length.
 bool ParsePrefix(const std::string& log, size_t pos, std::string* brief, size_t* len) {
+    std::string runs[2];  // the level and the operation
     size_t p = pos;
-    auto lit = [&](const char* text) {
-        const size_t n = std::strlen(text);
-        if (log.compare(p, n, text) != 0) {
-            return false;
-        }
-        p += n;
-        return true;
-    };
-    auto word = [&](auto accept) {
-        const size_t begin = p;
-        while (p < log.size() && accept(log[p])) {
+    for (const char* f = "[dddd-dd-dd dd:dd:dd] [L] [vn_hostinfo_linux] [F: N] "; *f != '\0'; ++f) {
+        if (*f == 'L' || *f == 'F' || *f == 'N') {
+            const size_t begin = p;
+            while (p < log.size() && InRun(*f, log[p])) {
+                ++p;
+            }
+            if (p == begin) {
+                return false;
+            }
+            if (*f != 'N') {
+                runs[*f == 'F' ? 1 : 0] = log.substr(begin, p - begin);
+            }
+        } else if (p < log.size() &&
+                   (*f == 'd' ? std::isdigit(static_cast<unsigned char>(log[p])) != 0
+                              : log[p] == *f)) {
             ++p;
-        }
-        return log.substr(begin, p - begin);
-    };
-    if (!lit("[")) {
-        return false;
-    }
-    for (const char* f = "dddd-dd-dd dd:dd:dd"; *f != '\0'; ++f, ++p) {
-        const bool ok =
-            p < log.size() &&
-            (*f == 'd' ? std::isdigit(static_cast<unsigned char>(log[p])) != 0 : log[p] == *f);
-        if (!ok) {
+        } else {
             return false;
         }
     }
-    if (!lit("] [")) {
-        return false;
-    }
-    const std::string level = word([](char c) { return c >= 'A' && c <= 'Z'; });
-    if (level.empty() || !lit("] [vn_hostinfo_linux] [")) {
-        return false;
-    }
-    const std::string func =
-        word([](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; });
-    if (func.empty() || !lit(": ")) {
-        return false;
-    }
-    if (word([](char c) { return c >= '0' && c <= '9'; }).empty() || !lit("] ")) {
-        return false;
-    }
-    *brief = level + " " + func + ": ";
+    *brief = runs[0] + " " + runs[1] + ": ";
     *len = p - pos;
     return true;
 }
