@@ -207,42 +207,6 @@ TEST(FormatEngine, FixedRenderings) {
     }
 }
 
-TEST(FormatEngine, PointersMatchLibc) {
-    int object = 0;
-    const char* formats[] = {"%p",    "[%20p]", "[%-20p]", "[%020p]", "[%.20p]",
-                             "[%+p]", "[% p]",  "[%#p]",   "[%.0p]",  "[%3p]"};
-    for (const char* format : formats) {
-        for (void* p : {static_cast<void*>(&object), static_cast<void*>(nullptr),
-                        reinterpret_cast<void*>(UINTPTR_MAX)}) {
-            SCOPED_TRACE(::testing::Message() << format << " " << p);
-            EXPECT_EQ(Formatted(format, p), Libc(format, p));
-        }
-    }
-}
-
-TEST(FormatEngine, FloatingPointMatchesLibc) {
-    const char* formats[] = {"%f",      "%e",    "%E",     "%g",       "%G",  "%F",
-                             "%.0f",    "%#.0f", "%10.3f", "%-10.3e|", "%+g", "% g",
-                             "%010.2f", "%*.*f", "%.30e",  "%lf",      "%#g", "%.0e"};
-    const double values[] = {0.0,      -0.0,      1.0,     -1.5,    3.14159265358979,
-                             1e300,    -1e-300,   DBL_MAX, DBL_MIN, 123456789.125,
-                             INFINITY, -INFINITY, NAN};
-    for (const char* format : formats) {
-        for (const double v : values) {
-            SCOPED_TRACE(::testing::Message() << format << " " << v);
-            if (std::string(format) == "%*.*f") {
-                EXPECT_EQ(Formatted(format, 12, 4, v), Libc(format, 12, 4, v));
-                EXPECT_EQ(Formatted(format, -12, -1, v), Libc(format, -12, -1, v));
-            } else {
-                EXPECT_EQ(Formatted(format, v), Libc(format, v));
-            }
-        }
-    }
-    EXPECT_EQ(Formatted("%Le|%LG", LDBL_MAX, -1.25L), Libc("%Le|%LG", LDBL_MAX, -1.25L));
-    EXPECT_EQ(Formatted("%.3Lf", 2.0005L), Libc("%.3Lf", 2.0005L));
-    EXPECT_EQ(Formatted("%llf", 2.5L), Libc("%llf", 2.5L));
-}
-
 // Texts longer than the engine's scratch buffer, whole or cut at a count:
 // exactly the expected bytes land, and nothing past them.
 TEST(FormatEngine, LongAndCutOutputs) {

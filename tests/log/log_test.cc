@@ -64,8 +64,6 @@ std::string OldLog(size_t size) {
     return kText.substr(0, size);
 }
 
-
-
 // Splits "[date] rest" into its date and the text after "] ".
 std::pair<std::string, std::string> SplitDate(const std::string& line) {
     if (line.size() < 22 || line[0] != '[' || line.compare(20, 2, "] ") != 0) {
@@ -86,7 +84,6 @@ int LogAtLevel(int level, const char* text) {
     HIC_LOG(level, "%s", text);
     return line;
 }
-
 
 int AssertHere(const void* pointer, bool* continued) {
     const int line = __LINE__ + 1;
@@ -129,42 +126,6 @@ class LogTest : public ::testing::Test {
     }
     void TearDown() override { HIC_SetLogLevel(HIC_LOG_INFO); }
 };
-
-
-
-TEST_F(LogTest, LineIsWrittenOnlyWhenLevelAllowsIt) {
-    // Current level, message level, and the level's name on the line; none
-    // when the line is filtered out.
-    const std::tuple<int, int, const char*> cases[] = {
-        {1, 0, nullptr},  {1, 1, "INFO"},    {1, 2, "WARN"},  {1, 3, "ERR"},   {0, 0, "DEBUG"},
-        {0, 3, "ERR"},    {3, 2, nullptr},   {3, 3, "ERR"},   {4, 3, nullptr}, {0, 7, "ERROR"},
-        {0, -1, nullptr}, {-1, -1, "ERROR"}, {2, 1, nullptr}, {2, 2, "WARN"},
-    };
-    for (const auto& [current, message, levelText] : cases) {
-        SCOPED_TRACE("current " + std::to_string(current) + " message " + std::to_string(message));
-        (void)std::remove(HIC_LOG_PATH);
-        HIC_SetLogLevel(current);
-        const int line = LogAtLevel(message, "hello there\n");
-        const std::string log = ReadFile(HIC_LOG_PATH);
-        if (levelText == nullptr) {
-            EXPECT_EQ(log, "");
-            continue;
-        }
-        EXPECT_EQ(SplitDate(log).second, Tail(levelText, "LogAtLevel", line, "hello there\n"));
-    }
-}
-
-
-
-
-// Beyond the line buffer on the stack, the line is still written whole.
-TEST_F(LogTest, LongLineIsWrittenWhole) {
-    const std::string text(200000, 'L');
-    const int line = LogAtLevel(HIC_LOG_INFO, (text + "\n").c_str());
-    const std::string log = ReadFile(HIC_LOG_PATH);
-    EXPECT_TRUE(SplitDate(log).second == Tail("INFO", "LogAtLevel", line, text + "\n"));
-    EXPECT_EQ(SplitLines(log).size(), 1U);
-}
 
 TEST_F(LogTest, MissingDirectoryLosesTheLineSilently) {
     ASSERT_EQ(std::system("rm -rf /opt/Vornal"), 0);
@@ -268,8 +229,6 @@ void ExpectBurstLines(const std::string& text, int threads, int lines, int sourc
     EXPECT_TRUE(diff.first == got.end()) << "line " << diff.first->substr(0, 200);
 }
 
-
-
 // Lines written by other threads while one thread rotates land either in
 // the archive or in the fresh log, never in the gap between the copy and
 // the truncation.
@@ -287,7 +246,6 @@ TEST_F(LogTest, NoLineIsLostAcrossARotation) {
                      sourceLine.load(), true);
     EXPECT_EQ(SplitLines(ReadFile(HIC_LOG_PATH))[0], kMarker);
 }
-
 
 // The probe runs with its clock set by libfaketime to a fixed moment; the
 // sanitizer runtime would refuse the preloaded library ahead of it.
