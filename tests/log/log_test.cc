@@ -2,23 +2,13 @@
 #include "log/log.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <string>
-#include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -100,23 +90,6 @@ std::string CaptureStdout(Fn fn) {
     return ::testing::internal::GetCapturedStdout();
 }
 
-// Runs fn(t) for t in [0, n) on n threads released together.
-void RunTogether(int n, const std::function<void(int)>& fn) {
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < n; ++t) {
-        threads.emplace_back([&ready, &fn, n, t] {
-            ready.fetch_add(1);
-            while (ready.load() < n) {
-                std::this_thread::yield();
-            }
-            fn(t);
-        });
-    }
-    for (std::thread& th : threads) {
-        th.join();
-    }
-}
 
 class LogTest : public ::testing::Test {
   protected:
@@ -188,64 +161,9 @@ TEST_F(LogTest, RotationHappensOnlyAboveThreshold) {
     }
 }
 
-// Payload length of line i of a burst: mostly short, some far longer than a
-// stdio buffer or a pipe page.
-size_t BurstPayload(int i) {
-    return i % 100 == 0 ? 9000 : static_cast<size_t>(i % 97);
-}
 
-int LogBurst(int thread, int lines) {
-    const int line = __LINE__ + 3;
-    for (int i = 0; i < lines; ++i) {
-        const std::string payload(BurstPayload(i), static_cast<char>('a' + thread));
-        HIC_LOG(HIC_LOG_INFO, "thread %d line %d %s|\n", thread, i, payload.c_str());
-    }
-    return line;
-}
 
-// Checks that text holds every line of LogBurst(t, lines) for t below
-// threads, whole, dated and exactly once, and nothing else unless others.
-void ExpectBurstLines(const std::string& text, int threads, int lines, int sourceLine,
-                      bool others) {
-    std::vector<std::string> want;
-    for (int t = 0; t < threads; ++t) {
-        for (int i = 0; i < lines; ++i) {
-            const std::string payload(BurstPayload(i), static_cast<char>('a' + t));
-            want.push_back(Tail("INFO", "LogBurst", sourceLine,
-                                "thread " + std::to_string(t) + " line " + std::to_string(i) + " " +
-                                    payload + "|\n"));
-        }
-    }
-    std::vector<std::string> got;
-    for (const std::string& line : SplitLines(text)) {
-        if (!others || line.find("[LogBurst: ") != std::string::npos) {
-            got.push_back(SplitDate(line).second);
-        }
-    }
-    std::sort(want.begin(), want.end());
-    std::sort(got.begin(), got.end());
-    ASSERT_EQ(got.size(), want.size());
-    const auto diff = std::mismatch(got.begin(), got.end(), want.begin());
-    EXPECT_TRUE(diff.first == got.end()) << "line " << diff.first->substr(0, 200);
-}
 
-// Lines written by other threads while one thread rotates land either in
-// the archive or in the fresh log, never in the gap between the copy and
-// the truncation.
-TEST_F(LogTest, NoLineIsLostAcrossARotation) {
-    constexpr int kThreads = 4;
-    constexpr int kLines = 400;
-    // Close enough below the threshold that the burst crosses it early, and
-    // ending in a whole line, so that the first new line starts one.
-    std::string old = OldLog(31457280 - 2000);
-    old.resize(old.rfind('\n') + 1);
-    WriteFile(HIC_LOG_PATH, old);
-    std::atomic<int> sourceLine{0};
-    RunTogether(kThreads, [&sourceLine](int t) { sourceLine.store(LogBurst(t, kLines)); });
-    ExpectBurstLines(Capture(kArchived) + ReadFile(HIC_LOG_PATH), kThreads, kLines,
-                     sourceLine.load(), true);
-    EXPECT_EQ(SplitLines(ReadFile(HIC_LOG_PATH))[0], kMarker);
-}
 
 // The probe runs with its clock set by libfaketime to a fixed moment; the
 // sanitizer runtime would refuse the preloaded library ahead of it.

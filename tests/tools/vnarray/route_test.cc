@@ -121,46 +121,6 @@ TEST_F(RouteTest, OpensCommandsAndWritesAreRecordedAsMade) {
         std::make_tuple('S', SG_DXFER_FROM_DEV, 6, 96, 36U, 30U));
 }
 
-TEST_F(RouteTest, VendorCommandsMoveTheirDataBothWays) {
-    client().RaiseSwitch("ARRAY0001", "0a0b0c0d");
-    hic::UniqueFd rw = Open("/dev/sdb", O_RDWR);
-    const SgResult sw =
-        SendSg(rw.Get(), hic_test::VendorCdb(0xC7, 0, 4096), SG_DXFER_FROM_DEV, Bytes(4096, 0xEE));
-    ASSERT_EQ(sw.rc, 0);
-    Bytes want = Hex("00 00 00 00 01 0a 0b 0c 0d");
-    want.resize(4096, 0);
-    EXPECT_EQ(sw.data, want);
-
-    const hic_test::HostFields host{Hex("0a0b0c0d"), Bytes(16, 0x11), 1};
-    const Bytes payload = hic_test::HeartbeatPayload(host);
-    ASSERT_EQ(SendSg(rw.Get(), hic_test::VendorCdb(0xC9, 0, 28), SG_DXFER_TO_DEV, payload).rc, 0);
-    const auto hbs = client().Heartbeats("ARRAY0001");
-    ASSERT_EQ(hbs.size(), 1U);
-    EXPECT_EQ(std::tie(hbs[0].lun, hbs[0].payload, hbs[0].issues),
-              std::make_tuple("sdb", payload, std::vector<std::string>()));
-
-    // A 5000-byte archive in two chunks, the second through another LUN.
-    Bytes archive(5000);
-    for (size_t i = 0; i < archive.size(); ++i) {
-        archive[i] = static_cast<std::uint8_t>(i * 7);
-    }
-    hic::UniqueFd rw2 = Open("/dev/sdc", O_RDWR);
-    for (std::uint32_t offset = 0; offset < archive.size(); offset += 4064) {
-        const std::uint32_t n = std::min<std::uint32_t>(4064, 5000 - offset);
-        Bytes buf = hic_test::ChunkHeader(5000, host);
-        buf.insert(buf.end(), archive.begin() + offset, archive.begin() + offset + n);
-        const SgResult r = SendSg(offset == 0 ? rw.Get() : rw2.Get(),
-                                  hic_test::VendorCdb(0xCA, offset, 32 + n), SG_DXFER_TO_DEV, buf);
-        ASSERT_EQ(r.rc, 0);
-    }
-    const auto uploads = client().Uploads("ARRAY0001");
-    ASSERT_EQ(uploads.size(), 1U);
-    EXPECT_EQ(
-        std::make_tuple(uploads[0].complete, uploads[0].issues, uploads[0].luns),
-        std::make_tuple(true, std::vector<std::string>(), std::vector<std::string>{"sdb", "sdc"}));
-    EXPECT_EQ(client().UploadData("ARRAY0001"), archive);
-    hic_test::ExpectChunks(client().Commands({{"kind", "ca"}}), archive, host);
-}
 
 }  // namespace
 }  // namespace vnarray
