@@ -90,7 +90,6 @@ std::string CaptureStdout(Fn fn) {
     return ::testing::internal::GetCapturedStdout();
 }
 
-
 class LogTest : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -160,10 +159,6 @@ TEST_F(LogTest, RotationHappensOnlyAboveThreshold) {
         EXPECT_TRUE(member == old) << "archived log differs from the old log";
     }
 }
-
-
-
-
 
 // The probe runs with its clock set by libfaketime to a fixed moment; the
 // sanitizer runtime would refuse the preloaded library ahead of it.

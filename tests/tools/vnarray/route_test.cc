@@ -121,6 +121,5 @@ TEST_F(RouteTest, OpensCommandsAndWritesAreRecordedAsMade) {
         std::make_tuple('S', SG_DXFER_FROM_DEV, 6, 96, 36U, 30U));
 }
 
-
 }  // namespace
 }  // namespace vnarray
