@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstdlib>
@@ -628,6 +629,194 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
         WaitForLog("DEBUG HIC_IsValidToExecuteCollectTask: the versions are not change, not "
                    "execute collect.\n"));
     EXPECT_EQ(array.Uploads("ARRAY01").size(), 1U);
+}
+
+// A hostile or broken host and array. Arrays whose serial numbers name
+// what is not a workspace; one whose serial number carries control
+// characters; a script that leaves a FIFO in place of the archive and a
+// file named like a tar option; a missing hic_data.sh; a vnadmin that
+// warns on standard error and lists a traversal name, then 100,000 LUNs.
+constexpr const char* kHostile = R"({
+  "arrays": [{"sn": "ARRAY01", "name": "good"}, {"sn": "FIFO01", "name": "fifo"},
+             {"sn": "log", "name": "log"}, {"sn": "bin", "name": "product"},
+             {"sn": "LINKED", "name": "linked"},
+             {"id": "bad", "sn": "BAD\r\u001b[2JSN", "name": "bad"}],
+  "luns": [{"dev": "sdb", "array": "ARRAY01", "wwn": "6e0a0b0c0d0e0f101112131415161701"},
+           {"dev": "sdc", "array": "FIFO01", "wwn": "6e0a0b0c0d0e0f101112131415161702"},
+           {"dev": "sdd", "array": "log", "wwn": "6e0a0b0c0d0e0f101112131415161703"},
+           {"dev": "sde", "array": "bin", "wwn": "6e0a0b0c0d0e0f101112131415161704"},
+           {"dev": "sdf", "array": "LINKED", "wwn": "6e0a0b0c0d0e0f101112131415161705"},
+           {"dev": "sdg", "array": "bad", "wwn": "6e0a0b0c0d0e0f101112131415161706"}]})";
+
+// FIFO01's archive becomes a FIFO whose only reader leaves once tar has
+// written it; ARRAY01's files record what the script inherited.
+constexpr const char* kHostileScript = R"SH(#!/bin/sh
+dir=$(dirname "$0")
+sn=$(basename "$dir")
+ls -l /proc/self/fd | awk 'NR > 1 && $NF !~ /^\/(proc|dev\/shm)\// { printf "%s ", $9 }' \
+  > "$dir/fds.data"
+umask > "$dir/umask.data"
+printf '/srv/secret.txt\n' > "$dir/list.data"
+: > "$dir/--files-from=list.data"
+echo "$sn" > "$dir/CollectLog_$sn.txt"
+if [ "$sn" = FIFO01 ]; then
+  mkfifo "$dir/result.tar.gz"
+  cat "$dir/result.tar.gz" > /dev/null &
+fi
+exit 0
+)SH";
+
+// What the daemon must leave alone: at /opt/Vornal/<sn>, what plant made.
+struct Planted {
+    const char* sn;
+    const char* plant;  // shell, before the start
+    const char* keep;   // a file that keeps its "keep\n"
+    const char* dir;    // a directory that keeps its listing
+};
+const Planted kPlanted[] = {
+    {"log", "echo keep > /opt/Vornal/log/hostinfolog.tar.gz", "/opt/Vornal/log/hostinfolog.tar.gz",
+     ""},
+    {"bin", "mkdir /opt/Vornal/bin && echo keep > /opt/Vornal/bin/vntool", "/opt/Vornal/bin/vntool",
+     "/opt/Vornal/bin"},
+    {"LINKED",
+     "mkdir /srv/other && echo keep > /srv/other/keep && chmod 600 /srv/other && "
+     "ln -s /srv/other /opt/Vornal/LINKED",
+     "/srv/other/keep", "/srv/other"},
+};
+
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> out;
+    for (size_t pos = 0, end; (end = text.find('\n', pos)) != std::string::npos; pos = end + 1) {
+        out.push_back(text.substr(pos, end - pos));
+    }
+    return out;
+}
+
+// Processes of the sandbox but this one, its init and the virtual array
+// (zombies included: the caller reaps them first).
+std::vector<std::string> OtherProcesses(pid_t rig) {
+    std::vector<std::string> out;
+    DIR* d = ::opendir("/proc");
+    while (const dirent* e = d != nullptr ? ::readdir(d) : nullptr) {
+        const pid_t pid = std::atoi(e->d_name);
+        if (pid > 1 && pid != ::getpid() && pid != rig) {
+            out.push_back(ReadFile("/proc/" + std::to_string(pid) + "/stat"));
+        }
+    }
+    if (d != nullptr) {
+        ::closedir(d);
+    }
+    return out;
+}
+
+TEST_F(DaemonE2eTest, AHostileOrBrokenHostAndArrayHarmNothing) {
+    ASSERT_EQ(rig_->Stop(), 0);
+    rig_ = std::make_unique<vnarray::Rig>(vnarray::Json::parse(kHostile));
+    rig_->Start();
+    vnarray::Client& array = rig_->client();
+    std::map<std::string, std::string> before;
+    for (const Planted& p : kPlanted) {
+        ASSERT_EQ(std::system(p.plant), 0) << p.sn;
+        before[p.sn] = hic_test::Capture(std::string("ls -A ") + p.dir + " 2>&1");
+    }
+    WriteFile("/srv/secret.txt", "secret\n");
+    ASSERT_EQ(std::system("mkfifo /run/x"), 0);
+    std::string listing;
+    for (char dev = 'b'; dev <= 'g'; ++dev) {
+        listing +=
+            ListingLine((std::string("sd") + dev).c_str(),
+                        ("6e0a0b0c0d0e0f10111213141516170" + std::to_string(dev - 'a')).c_str());
+    }
+    WriteFile("/run/vnadmin/show_vlun",
+              listing + ListingLine("../run/x", "6e0a0b0c0d0e0f1011121314151617ff") +
+                  ListingLine("sd\x1b[2Jz", "6e0a0b0c0d0e0f1011121314151617fe"));
+    WriteFile("/run/vnadmin/stderr", "vnadmin: warning: the path is degraded\n");
+    WriteFile(std::string(kScriptDir) + "/hic_collect.sh", kHostileScript);
+    (void)std::remove((std::string(kScriptDir) + "/hic_data.sh").c_str());
+    array.RaiseSwitch("ARRAY01", "00000001");
+    array.RaiseSwitch("FIFO01", "00000001");
+    ASSERT_EQ(Start(), 0);
+    const pid_t pid = WaitForDaemon();
+    ASSERT_GT(pid, 0);
+
+    // Collections end, a FIFO archive included; a refresh with every array
+    // idle skips the traversal name and the main loop goes on.
+    const auto refreshes = [] { return SplitLines(ReadFile("/run/vnadmin/calls")).size(); };
+    ASSERT_TRUE(WaitFor([&] {
+        const std::string log = LoggedMessages();
+        return Contains(log, Success("ARRAY01")) &&
+               Contains(log,
+                        "ERR HIC_CollectTaskThread: array{sn:FIFO01} collect task execute "
+                        "failed.\n");
+    })) << LoggedMessages();
+    const size_t seen = refreshes();
+    ASSERT_TRUE(WaitFor([&] { return refreshes() >= seen + 2; })) << LoggedMessages();
+    const hic_test::LogList lines = hic_test::LogLines();
+    EXPECT_TRUE(
+        hic_test::InOrder(lines, {Err("HIC_WriteResultFileBufToArray",
+                                      "fopen /opt/Vornal/FIFO01/result.tar.gz file error.\n"),
+                                  Err("HIC_WriteCollectResultToArray",
+                                      "Write to array{sn:FIFO01} failed on dev /dev/sdc.\n")}));
+    for (const Planted& p : kPlanted) {
+        SCOPED_TRACE(p.sn);
+        EXPECT_TRUE(hic_test::InOrder(
+            lines, {Err("HIC_CollectTaskThread", std::string("The directory{/opt/Vornal/") + p.sn +
+                                                     "} is not a workspace, left alone.\n")}));
+        EXPECT_EQ(ReadFile(p.keep), "keep\n");
+        EXPECT_EQ(hic_test::Capture(std::string("ls -A ") + p.dir + " 2>&1"), before[p.sn]);
+    }
+    EXPECT_EQ(ReadLink("/opt/Vornal/LINKED"), "/srv/other");
+    EXPECT_TRUE(hic_test::InOrder(
+        lines, {Err("HIC_CollectTaskThread", "Invalid array sn: BAD??[2JSN.\n")}));
+    for (const char* dev : {"sdd", "sde", "sdf", "sdg"}) {
+        EXPECT_TRUE(array.Commands({{"kind", "c7"}, {"lun", dev}}).empty()) << dev;
+    }
+
+    // ARRAY01's archive: its own files only, the tar option among them as a
+    // name; its script and every vnadmin held nothing but 0 to 2 (ls's own
+    // and libfaketime's do not count) and ran with umask 022.
+    EXPECT_EQ(Members(array.UploadData("ARRAY01")),
+              (std::vector<std::string>{"--files-from=list.data=", "fds.data=0 1 2 ",
+                                        "list.data=/srv/secret.txt\n", "umask.data=0022\n",
+                                        "CollectLog_ARRAY01.txt=ARRAY01\n"}));
+    for (const std::string& fds : SplitLines(ReadFile("/run/vnadmin/fds"))) {
+        EXPECT_EQ(fds, "0 1 2 ");
+    }
+    struct stat st {};
+    ASSERT_EQ(::stat(HIC_LOG_PATH, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644U);
+
+    // 100,000 LUNs in one listing: refused whole, one line a pass, and the
+    // daemon stays small.
+    std::string huge = listing;
+    for (int i = 0; i < 100000; ++i) {
+        huge += ListingLine(("sdz" + std::to_string(i)).c_str(), std::to_string(i).c_str());
+    }
+    WriteFile("/run/vnadmin/show_vlun", huge);
+    const std::string refused =
+        Err("HIC_GetVnLunInfoListByVnadm", "vnadm lists more than 4096 luns, refresh skipped.\n");
+    ASSERT_TRUE(WaitFor([&] {
+        const auto all = hic_test::LogLines();
+        return std::count(all.begin(), all.end(), refused) >= 2;
+    })) << LoggedMessages().size();
+    EXPECT_LT(ReadFile(HIC_LOG_PATH).size(), 65536U);
+    const std::string status = ReadFile("/proc/" + std::to_string(pid) + "/status");
+    const size_t rss = status.find("VmRSS:");
+    ASSERT_NE(rss, std::string::npos);
+    EXPECT_LT(std::atol(status.c_str() + rss + 6), 8192L) << "KiB";
+
+    // No control character but line ends in the log, no write on any disk,
+    // nothing left running once the daemon is gone.
+    const std::string log = ReadFile(HIC_LOG_PATH);
+    EXPECT_EQ(std::count_if(log.begin(), log.end(),
+                            [](char c) { return (c >= 0 && c < 0x20 && c != '\n') || c == 0x7F; }),
+              0);
+    EXPECT_TRUE(array.Writes().empty());
+    StopDaemon();
+    EXPECT_TRUE(WaitFor([&] {
+        (void)ReapOrphans();
+        return OtherProcesses(rig_->pid()).empty();
+    })) << ::testing::PrintToString(OtherProcesses(rig_->pid()));
 }
 
 // On a clock a hundred times faster, every write takes 110 seconds and
