@@ -40,7 +40,6 @@ constexpr const char* kFakeTime = "/usr/lib/x86_64-linux-gnu/faketime/libfaketim
 // Sanitizer reports of the daemon land here (its standard error is closed).
 constexpr const char* kSanitizerLog = "/tmp/hic-daemon-san";
 constexpr const char* kWwnB = "6e0a0b0c0d0e0f101112131415161701";
-constexpr const char* kWwnC = "6e0a0b0c0d0e0f101112131415161702";
 
 // The environment prefix of every start: faster time, sanitizer reports to a file.
 std::string DaemonEnv() {
@@ -324,26 +323,6 @@ INSTANTIATE_TEST_SUITE_P(Arguments, DaemonArgumentTest,
                                            ArgCase{"shorter", "VN_LOG_DEBU", false}),
                          hic_test::CaseName());
 
-TEST_F(DaemonE2eTest, LunListFollowsTheManagementTool) {
-    ASSERT_EQ(Start("VN_LOG_DEBUG"), 0);
-    ASSERT_GT(WaitForDaemon(), 0);
-    ASSERT_TRUE(WaitForLog("DEBUG HIC_GetLunList: add device sdb from block dir.\n"));
-
-    // A LUN that appears in the listing joins at the next refresh.
-    rig_->client().AddLun({{"dev", "sdc"}, {"array", "ARRAY01"}, {"wwn", kWwnC}});
-    WriteFile("/run/vnadmin/show_vlun", ListingLine("sdb", kWwnB) + ListingLine("sdc", kWwnC));
-    EXPECT_TRUE(
-        WaitForLog("DEBUG HIC_RefreshLunListByVnadm: Refresh add device /dev/sdc from vnadm.\n"));
-
-    // One that leaves is dropped while every array is idle.
-    WriteFile("/run/vnadmin/show_vlun", ListingLine("sdc", kWwnC));
-    EXPECT_TRUE(WaitForLog(
-        "DEBUG HIC_CheckAndClearLunListByVnadm: clear device /dev/sdb by vnadm output.\n"));
-    EXPECT_FALSE(Contains(LoggedMessages(), "clear device /dev/sdc"));
-    // The management tool was asked exactly as the product expects.
-    EXPECT_TRUE(Contains(ReadFile("/run/vnadmin/calls"), "show vlun type=all\n"));
-}
-
 // Three arrays and a disk of another vendor. ARRAY01 and ARRAY02 (software
 // 2.7, the oldest asked) ask for a collection; so does ARRAY03, but its
 // software 2.6 is too old to be asked.
@@ -358,6 +337,9 @@ constexpr const char* kFleet = R"({
            {"dev": "sde", "array": "ARRAY02", "wwn": "6e0a0b0c0d0e0f101112131415161704"},
            {"dev": "sdf", "array": "ARRAY03", "wwn": "6e0a0b0c0d0e0f101112131415161705"},
            {"dev": "sdg", "vendor": "OTHERV", "wwn": "6e0a0b0c0d0e0f101112131415161706"}]})";
+
+// The fleet's WWNs but their last digit.
+constexpr const char* kFleetWwn = "6e0a0b0c0d0e0f10111213141516170";
 
 // The stand-in collection script: it notes its arguments, its directory's
 // mode and contents and whether the data script was copied whole, writes
@@ -498,8 +480,7 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     std::string listing;
     for (int i = 1; i <= 5; ++i) {
         const std::string dev = std::string("sd") + static_cast<char>('a' + i);
-        listing += ListingLine(dev.c_str(),
-                               ("6e0a0b0c0d0e0f10111213141516170" + std::to_string(i)).c_str());
+        listing += ListingLine(dev.c_str(), (kFleetWwn + std::to_string(i)).c_str());
     }
     WriteFile("/run/vnadmin/show_vlun", listing);
     WriteFile(std::string(kScriptDir) + "/hic_collect.sh", kFleetScript);
@@ -599,6 +580,8 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
         std::count(lines.begin(), lines.end(),
                    Info("HIC_SendHeartBeatByLun", "send HeartBeat C9 to array{sn:ARRAY01}.\n")),
         3);
+    // The listing confirmed every LUN the discovery found.
+    EXPECT_EQ(hic_test::Joined(lines).find("clear device"), std::string::npos);
     hic_test::LogList errors = hic_test::LinesStartingWith(lines, "ERR ");
     std::sort(errors.begin(), errors.end());
     hic_test::LogList expected = {
@@ -616,6 +599,15 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
                   lines, "INFO HIC_IsValidToExecuteCollectTask: Get the array{sn:ARRAY03}"),
               hic_test::LogList{});
 
+    // The listing changes: sdf leaves it, sdc's WWN changes, and a new LUN,
+    // sdh, joins; the next refresh, with every array idle, follows it.
+    array.AddLun({{"dev", "sdh"}, {"array", "ARRAY03"}, {"wwn", kFleetWwn + std::string("8")}});
+    std::string changed;
+    for (const char* dev : {"sdb:1", "sdc:9", "sdd:3", "sde:4", "sdh:8"}) {
+        changed +=
+            ListingLine(std::string(dev, 3).c_str(), (kFleetWwn + std::string(dev + 4)).c_str());
+    }
+    WriteFile("/run/vnadmin/show_vlun", changed);
     // A new version (last byte only) is a new request once the array is
     // idle again; the unchanged one is not.
     array.RaiseSwitch("ARRAY02", "00000003");
@@ -629,6 +621,16 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
         WaitForLog("DEBUG HIC_IsValidToExecuteCollectTask: the versions are not change, not "
                    "execute collect.\n"));
     EXPECT_EQ(array.Uploads("ARRAY01").size(), 1U);
+    EXPECT_TRUE(WaitForLog(
+        "DEBUG HIC_CheckAndClearLunListByVnadm: clear device /dev/sdf by vnadm output.\n"));
+    EXPECT_TRUE(WaitForLog(
+        "DEBUG HIC_CheckAndClearLunListByVnadm: clear device /dev/sdc by vnadm output.\n"));
+    EXPECT_TRUE(
+        WaitForLog("DEBUG HIC_RefreshLunListByVnadm: Refresh add device /dev/sdc from vnadm.\n"));
+    EXPECT_TRUE(
+        WaitForLog("DEBUG HIC_RefreshLunListByVnadm: Refresh add device /dev/sdh from vnadm.\n"));
+    // The management tool was asked exactly as the product expects.
+    EXPECT_TRUE(Contains(ReadFile("/run/vnadmin/calls"), "\nshow vlun type=all\n"));
 }
 
 // A hostile or broken host and array. Arrays whose serial numbers name
