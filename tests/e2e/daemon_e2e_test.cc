@@ -196,66 +196,56 @@ class DaemonE2eTest : public hic_test::SandboxTest {
         return WaitFor([&] { return Contains(LoggedMessages(), part); }, timeoutMs);
     }
 
+    // A daemon that detached as it must, once no task of it runs: decimal pid
+    // and one NUL in a 0600 pid file held on descriptor 3 beside /dev/null on
+    // 0 to 2 and nothing else, working directory /, a session of its own (not
+    // the invoking shell's, and not its leader); the two processes before it
+    // ended with 0.
+    void ExpectDetached(pid_t pid) {
+        EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + std::string(1, '\0'));
+        struct stat st {};
+        ASSERT_EQ(::stat(kPidFile, &st), 0);
+        EXPECT_EQ(st.st_mode & 07777, 0600U);
+        const std::string proc = "/proc/" + std::to_string(pid);
+        std::set<std::string> fds;
+        if (DIR* d = ::opendir((proc + "/fd").c_str())) {
+            while (const dirent* e = ::readdir(d)) {
+                if (e->d_name[0] != '.') {
+                    fds.insert(e->d_name);
+                }
+            }
+            ::closedir(d);
+        }
+        EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2", "3"}));
+        for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"}) {
+            EXPECT_EQ(ReadLink(proc + fd), "/dev/null");
+        }
+        EXPECT_EQ(ReadLink(proc + "/fd/3"), kPidFile);
+        EXPECT_EQ(ReadLink(proc + "/cwd"), "/");
+        EXPECT_NE(::getsid(pid), ::getsid(0));
+        EXPECT_NE(::getsid(pid), pid);
+        EXPECT_TRUE(WaitForExit(0));
+    }
+
+    // A second instance beside the running one ends with 255 and leaves the
+    // pid file alone; the invoking shell sees success either way.
+    void ExpectSecondInstanceRefused(pid_t first) {
+        const std::string pidText = ReadFile(kPidFile);
+        EXPECT_EQ(Start(), 0);
+        EXPECT_TRUE(WaitForExit(255));
+        EXPECT_TRUE(Contains(LoggedMessages(),
+                             "ERR HIC_CheckIsAlreadyRunning: can't lock "
+                             "/Vornal/install/otherTools/hostInfoCollect.pid: "
+                             "Resource temporarily unavailable.\n"
+                             "ERR main: hostinfo tool already running...\n"))
+            << LoggedMessages();
+        EXPECT_EQ(ReadFile(kPidFile), pidText);
+        EXPECT_EQ(::kill(first, 0), 0);
+    }
+
     std::unique_ptr<vnarray::Rig> rig_;
     std::set<pid_t> daemons_;
 };
-
-TEST_F(DaemonE2eTest, StartsInTheBackgroundHoldingItsPidFile) {
-    EXPECT_EQ(Start(), 0);
-    const pid_t pid = WaitForDaemon();
-    ASSERT_GT(pid, 0);
-
-    // Decimal pid and one NUL, mode 0600, open on descriptor 3 beside /dev/null on 0 to 2.
-    EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + std::string(1, '\0'));
-    struct stat st {};
-    ASSERT_EQ(::stat(kPidFile, &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600U);
-    const std::string proc = "/proc/" + std::to_string(pid);
-    EXPECT_EQ(ReadLink(proc + "/fd/3"), kPidFile);
-    // After the first pass the array's task has come and gone.
-    ASSERT_TRUE(WaitFor([&] { return rig_->client().Commands({{"kind", "c7"}}).size() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    std::set<std::string> fds;
-    if (DIR* d = ::opendir((proc + "/fd").c_str())) {
-        while (const dirent* e = ::readdir(d)) {
-            if (e->d_name[0] != '.') {
-                fds.insert(e->d_name);
-            }
-        }
-        ::closedir(d);
-    }
-    EXPECT_EQ(fds, (std::set<std::string>{"0", "1", "2", "3"}));
-    for (const char* fd : {"/fd/0", "/fd/1", "/fd/2"}) {
-        EXPECT_EQ(ReadLink(proc + fd), "/dev/null");
-    }
-    EXPECT_EQ(ReadLink(proc + "/cwd"), "/");
-    // A session of its own, not the invoking shell's, and not its leader.
-    EXPECT_NE(::getsid(pid), ::getsid(0));
-    EXPECT_NE(::getsid(pid), pid);
-    // The daemon is the grandchild: both earlier processes ended with 0.
-    EXPECT_TRUE(WaitForExit(0));
-    EXPECT_TRUE(
-        Contains(LoggedMessages(), "INFO HIC_CheckVornal: The Vornal version is 31.1.0.\n"));
-}
-
-TEST_F(DaemonE2eTest, SecondInstanceEndsWith255AndLeavesThePidFile) {
-    ASSERT_EQ(Start(), 0);
-    const pid_t first = WaitForDaemon();
-    ASSERT_GT(first, 0);
-    (void)ReapOrphans();
-    const std::string pidText = ReadFile(kPidFile);
-
-    EXPECT_EQ(Start(), 0);  // the invoking shell sees success either way
-    EXPECT_TRUE(WaitForExit(255));
-    EXPECT_TRUE(Contains(
-        LoggedMessages(),
-        "ERR HIC_CheckIsAlreadyRunning: can't lock /Vornal/install/otherTools/hostInfoCollect.pid: "
-        "Resource temporarily unavailable.\n"
-        "ERR main: hostinfo tool already running...\n"))
-        << LoggedMessages();
-    EXPECT_EQ(ReadFile(kPidFile), pidText);
-    EXPECT_EQ(::kill(first, 0), 0);
-}
 
 struct RefusalCase {
     const char* name;
@@ -494,13 +484,9 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     array.InjectFault({{"lun", twoNext}, {"kind", "c9"}, {"status", 2}, {"count", 1}});
     array.InjectFault({{"lun", two}, {"kind", "ca"}, {"status", 2}, {"after", 1}, {"count", 1}});
 
-    // A pid file left by an earlier run, longer than the new content.
-    WriteFile(kPidFile, "99999999999 stale content\n");
-
     ASSERT_EQ(Start("VN_LOG_DEBUG"), 0);
     const pid_t pid = WaitForDaemon();
     ASSERT_GT(pid, 0);
-    EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + std::string(1, '\0'));
     // Both collections end, and ARRAY01's heartbeat sees it.
     ASSERT_TRUE(WaitFor([&] {
         const std::string log = LoggedMessages();
@@ -554,6 +540,7 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     hic_test::ExpectChunks(array.Commands({{"kind", "ca"}, {"lun", twoNext}}), archive2,
                            hosts.at("ARRAY02"));
     EXPECT_EQ(Members(archive2), ExpectedMembers("ARRAY02"));
+    ExpectDetached(pid);
     // No script, shell or archiver is left behind, not even as a zombie.
     EXPECT_EQ(ChildrenOf(pid), std::vector<std::string>());
     // Every descriptor was closed again.
@@ -608,6 +595,9 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
             ListingLine(std::string(dev, 3).c_str(), (kFleetWwn + std::string(dev + 4)).c_str());
     }
     WriteFile("/run/vnadmin/show_vlun", changed);
+    EXPECT_TRUE(
+        Contains(LoggedMessages(), "INFO HIC_CheckVornal: The Vornal version is 31.1.0.\n"));
+    ExpectSecondInstanceRefused(pid);
     // A new version (last byte only) is a new request once the array is
     // idle again; the unchanged one is not.
     array.RaiseSwitch("ARRAY02", "00000003");
@@ -845,8 +835,12 @@ TEST_F(DaemonE2eTest, UploadGivesUpOnceItsBudgetIsSpent) {
     WriteFile("/run/vnadmin/show_vlun", "");
     array.InjectFault({{"kind", "ca"}, {"status", 2}, {"delay_ms", 1100}});
     array.RaiseSwitch("ARRAY09", "00000001");
+    // A pid file left by an earlier run, longer than the new content.
+    WriteFile(kPidFile, "99999999999 stale content\n");
     ASSERT_EQ(Start("", "FAKETIME='+0 x100'"), 0);
-    ASSERT_GT(WaitForDaemon(), 0);
+    const pid_t pid = WaitForDaemon();
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(ReadFile(kPidFile), std::to_string(pid) + std::string(1, '\0'));
     ASSERT_TRUE(WaitForLog(
         "ERR HIC_CollectTaskThread: array{sn:ARRAY09} collect task execute failed.\n", 60000))
         << LoggedMessages();

@@ -155,43 +155,6 @@ TEST_F(SandboxTest, ParsersStopAtBufferEnd) {
     EXPECT_EQ(field, V6({0xFE80, 0, 0, 0, 0, 0, 0, 1}));
 }
 
-struct TypeCase {
-    const char* name;
-    std::string text;
-    int32_t size;
-    int32_t rc;
-    unsigned char code;
-};
-
-const TypeCase kTypeCases[] = {
-    {"LowerCase", "ipv4", kLen, 0, HIC_IP_TYPE_V4},
-    {"MixedCase", "iPv6", kLen, 0, HIC_IP_TYPE_V6},
-    {"TrailingBlanksIgnored", "IPv6  ", kLen, 0, HIC_IP_TYPE_V6},
-    {"LeadingTabNotSkipped", "\tIPv4", kLen, -1, HIC_IP_TYPE_INVALID},
-    {"MissingDigit", "IPv", kLen, -1, HIC_IP_TYPE_INVALID},
-    {"BlankInside", "IP v4", kLen, -1, HIC_IP_TYPE_INVALID},
-    {"WrongLetters", "IPx4", kLen, -1, HIC_IP_TYPE_INVALID},
-    // Four characters must remain inside the buffer after the blanks.
-    {"FitsExactly", "  IPv4", 6, 0, HIC_IP_TYPE_V4},
-    {"OneShortOfBuffer", "  IPv4", 5, -1, HIC_IP_TYPE_INVALID},
-    {"BlanksFillBuffer", "    ", 4, -1, HIC_IP_TYPE_INVALID},
-};
-
-class TransIpTypeTest : public ::testing::TestWithParam<TypeCase> {};
-
-TEST_P(TransIpTypeTest, SetsCode) {
-    const TypeCase& c = GetParam();
-    // No spare byte beyond the size or the text: ASan sees reads past either.
-    std::vector<char> buf(std::max(static_cast<size_t>(c.size), c.text.size()), '\0');
-    std::memcpy(buf.data(), c.text.data(), c.text.size());
-    unsigned char code = 0x55;
-    EXPECT_EQ(HIC_TransIpType(buf.data(), c.size, &code), c.rc);
-    EXPECT_EQ(code, c.code);
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, TransIpTypeTest, ::testing::ValuesIn(kTypeCases),
-                         hic_test::CaseName());
-
 struct SendCase {
     const char* name;
     std::string content;

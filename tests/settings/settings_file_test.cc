@@ -100,17 +100,6 @@ TEST_P(GetIpAndTypeTest, ReadsBothValues) {
 INSTANTIATE_TEST_SUITE_P(Grammar, GetIpAndTypeTest, ::testing::ValuesIn(kFileCases),
                          hic_test::CaseName());
 
-// The reader hands over the piece, then zeros up to size, nothing beyond.
-TEST_F(SandboxTest, ReadFileByLineCopiesExactlySizeBytes) {
-    WriteSettings("first line\nsecond KEY= line\nthird KEY=\n");
-    std::vector<char> out(kLen + 16, '\xAA');
-    ASSERT_EQ(HIC_ReadFileByLine(HIC_HOST_INFO_PATH, "KEY=", out.data(), kLen), 0);
-    std::string expected = "second KEY= line\n";
-    expected.resize(kLen, '\0');
-    expected.append(16, '\xAA');
-    EXPECT_EQ(std::string(out.data(), out.size()), expected);
-}
-
 // A text filling its buffer without a terminator is trimmed within it: no
 // spare byte, so ASan sees any access beyond.
 TEST_F(SandboxTest, StringTrimStaysInsideBuffer) {
