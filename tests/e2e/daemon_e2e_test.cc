@@ -823,16 +823,30 @@ TEST_F(DaemonE2eTest, AHostileOrBrokenHostAndArrayHarmNothing) {
 // On a clock a hundred times faster, every write takes 110 seconds and
 // fails: the first LUN fails at 110 s and the second at 220 s, each within
 // the 300-second budget, so the next LUN is tried; the third fails at 330 s,
-// past it, and the fourth is never tried.
+// past it, and the fourth is never tried. Before that, the first pass's
+// query fails on the first four LUNs: the fifth is not asked.
 TEST_F(DaemonE2eTest, UploadGivesUpOnceItsBudgetIsSpent) {
     ASSERT_EQ(rig_->Stop(), 0);
     rig_ = std::make_unique<vnarray::Rig>(vnarray::Json::parse(R"({
         "arrays": [{"sn": "ARRAY09", "name": "slow"}],
-        "luns": [{"dev": "sdb", "array": "ARRAY09"}, {"dev": "sdc", "array": "ARRAY09"},
-                 {"dev": "sdd", "array": "ARRAY09"}, {"dev": "sde", "array": "ARRAY09"}]})"));
+        "luns": [{"dev": "sdb", "array": "ARRAY09", "wwn": "6e0a0b0c0d0e0f101112131415161701"},
+                 {"dev": "sdc", "array": "ARRAY09", "wwn": "6e0a0b0c0d0e0f101112131415161702"},
+                 {"dev": "sdd", "array": "ARRAY09", "wwn": "6e0a0b0c0d0e0f101112131415161703"},
+                 {"dev": "sde", "array": "ARRAY09", "wwn": "6e0a0b0c0d0e0f101112131415161704"},
+                 {"dev": "sdf", "array": "ARRAY09", "wwn": "6e0a0b0c0d0e0f101112131415161705"}]})"));
     rig_->Start();
     vnarray::Client& array = rig_->client();
-    WriteFile("/run/vnadmin/show_vlun", "");
+    std::string listing;
+    for (const char* dev : {"sdb:1", "sdc:2", "sdd:3", "sde:4", "sdf:5"}) {
+        listing +=
+            ListingLine(std::string(dev, 3).c_str(), (kFleetWwn + std::string(dev + 4)).c_str());
+    }
+    WriteFile("/run/vnadmin/show_vlun", listing);
+    std::vector<std::string> order = BlockOrder();
+    ASSERT_EQ(order.size(), 5U);
+    for (size_t i = 0; i < 4; ++i) {
+        array.InjectFault({{"lun", order[i]}, {"kind", "c7"}, {"status", 2}, {"count", 1}});
+    }
     array.InjectFault({{"kind", "ca"}, {"status", 2}, {"delay_ms", 1100}});
     array.RaiseSwitch("ARRAY09", "00000001");
     // A pid file left by an earlier run, longer than the new content.
@@ -845,11 +859,15 @@ TEST_F(DaemonE2eTest, UploadGivesUpOnceItsBudgetIsSpent) {
         "ERR HIC_CollectTaskThread: array{sn:ARRAY09} collect task execute failed.\n", 60000))
         << LoggedMessages();
 
-    std::vector<std::string> order;
-    for (const std::string& dev : BlockOrder()) {
-        order.push_back("/dev/" + dev);
+    std::vector<std::string> asked;
+    for (const auto& c : array.Commands({{"kind", "c7"}})) {
+        asked.push_back(c.lun);
     }
-    ASSERT_EQ(order.size(), 4U);
+    asked.resize(5);
+    EXPECT_EQ(asked, std::vector<std::string>({order[0], order[1], order[2], order[3], order[0]}));
+    for (std::string& dev : order) {
+        dev = "/dev/" + dev;
+    }
     const hic_test::LogList failed =
         hic_test::LinesStartingWith(hic_test::LogLines(), "ERR HIC_WriteCollectResultToArray: ");
     EXPECT_EQ(failed,
@@ -861,6 +879,7 @@ TEST_F(DaemonE2eTest, UploadGivesUpOnceItsBudgetIsSpent) {
                    "ERR HIC_WriteCollectResultToArray: Write to array{sn:ARRAY09} failed on dev " +
                        order[2] + ".\n"}));
     EXPECT_TRUE(array.Commands({{"kind", "ca"}, {"lun", order[3].substr(5)}}).empty());
+    EXPECT_TRUE(array.Commands({{"kind", "ca"}, {"lun", order[4].substr(5)}}).empty());
 }
 
 }  // namespace
