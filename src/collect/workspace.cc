@@ -74,10 +74,11 @@ void DeleteAt(int dirFd, const char* name, const char* path) {
 
 // Runs a command line through the shell. Its exit status is not examined,
 // but a shell that cannot start at all (no process left, no memory) is worth
-// a line: nothing the caller expects will be there.
-void RunShell(const char* command) {
+// a line, under the calling operation's name: nothing it expects will be there.
+void RunShell(const char* func, const char* command) {
     if (hic::RunShell(command) != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "can't run %s: %s.\n", command, std::strerror(errno));
+        HIC_WriteLog(HIC_LOG_ERROR, func, __LINE__, "can't run %s: %s.\n", command,
+                     std::strerror(errno));
     }
 }
 
@@ -158,14 +159,14 @@ int HIC_GetCollectFile(const HIC_ArrayInfo* array) {
         HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
         return -1;
     }
-    RunShell(command);
+    RunShell(__func__, command);
     (void)memset_s(command, sizeof(command), 0, sizeof(command));
     if (sprintf_s(command, sizeof(command), "cp -f %shic_data.sh %s", HIC_SCRIPT_DIR, workspace) ==
         -1) {
         HIC_LOG(HIC_LOG_ERROR, "sprintf_s failed.\n");
         return -1;
     }
-    RunShell(command);
+    RunShell(__func__, command);
     return 0;
 }
 
@@ -200,7 +201,7 @@ void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array) {
         return;
     }
     HIC_LOG(HIC_LOG_DEBUG, "%s.\n", command);
-    RunShell(command);
+    RunShell(__func__, command);
 
     char pack[HIC_PATH_LEN];
     (void)memset_s(pack, sizeof(pack), 0, sizeof(pack));
@@ -211,7 +212,7 @@ void HIC_ExecuteCollectScript(const HIC_ArrayInfo* array) {
         return;
     }
     HIC_LOG(HIC_LOG_DEBUG, "%s.\n", pack);
-    RunShell(pack);
+    RunShell(__func__, pack);
 }
 
 void HIC_DeleteFileByPath(const char* path) {

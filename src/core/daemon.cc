@@ -8,7 +8,8 @@
 
 void HIC_MainLoopPass() {
     if (HIC_GetHostCollectSwitchInfo() != 0) {
-        HIC_LOG(HIC_LOG_ERROR, "get host collect switch info failed.\n");
+        // The main loop's line: it carries main's name, as it did in main.
+        HIC_WriteLog(HIC_LOG_ERROR, "main", __LINE__, "get host collect switch info failed.\n");
     }
     (void)sleep(HIC_MAIN_LOOP_PERIOD);
     HIC_RefreshLunAndArrayList();
