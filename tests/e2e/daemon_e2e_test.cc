@@ -601,6 +601,8 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     // A new version (last byte only) is a new request once the array is
     // idle again; the unchanged one is not.
     array.RaiseSwitch("ARRAY02", "00000003");
+    // A switch byte of 2 is not a request, whatever the version says.
+    array.SetSwitch("ARRAY01", 2, "0A0B0C0E");
     ASSERT_TRUE(WaitFor([&] {
         const auto ups = array.Uploads("ARRAY02");
         return ups.size() == 3 && ups[2].complete;

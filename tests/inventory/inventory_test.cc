@@ -7,6 +7,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -129,6 +130,13 @@ TEST_F(InventoryTest, DiscoveryReadsEachServedDiskIdentity) {
     }
     EXPECT_EQ(got, want);
     EXPECT_EQ(LoggedMessages(), wantLog);
+    // One array record per serial number; none for the refused one.
+    ASSERT_EQ(HIC_GetArrayList(), 0);
+    std::set<std::string> arrays;
+    for (HIC_ListHead* p = HIC_ArrayListHead.next; p != &HIC_ArrayListHead; p = p->next) {
+        EXPECT_TRUE(arrays.insert(reinterpret_cast<const HIC_ArrayInfo*>(p)->arraySn).second);
+    }
+    EXPECT_EQ(arrays, (std::set<std::string>{"ARRAYSN0001", "ARRAYSN0002"}));
     const auto commands = rig.client().Commands();
     ExpectEveryCommand(commands, {});
     std::map<std::string, std::string> pages;
