@@ -602,6 +602,13 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     // idle again; the unchanged one is not.
     array.RaiseSwitch("ARRAY02", "00000003");
     // A switch byte of 2 is not a request, whatever the version says.
+    // (ARRAY01 is the only array at software 3.0.)
+    const std::string asked = Debug("HIC_CheckArrayVersion", "get array version {3.0}.\n");
+    const auto count = [](const std::string& line) {
+        const hic_test::LogList now = hic_test::LogLines();
+        return std::count(now.begin(), now.end(), line);
+    };
+    const auto askedBefore = count(asked);
     array.SetSwitch("ARRAY01", 2, "0A0B0C0E");
     ASSERT_TRUE(WaitFor([&] {
         const auto ups = array.Uploads("ARRAY02");
@@ -612,6 +619,13 @@ TEST_F(DaemonE2eTest, CollectsFromEveryArrayThatAsks) {
     EXPECT_TRUE(
         WaitForLog("DEBUG HIC_IsValidToExecuteCollectTask: the versions are not change, not "
                    "execute collect.\n"));
+    // Two more passes ask ARRAY01, and its collection was started once.
+    EXPECT_TRUE(WaitFor([&] { return count(asked) >= askedBefore + 2; })) << LoggedMessages();
+    const hic_test::LogList selects =
+        hic_test::LinesStartingWith(hic_test::LogLines(), "INFO HIC_GetSwitchInfo: Select lun ");
+    EXPECT_EQ(std::count_if(selects.begin(), selects.end(),
+                            [](const std::string& l) { return Contains(l, "array:ARRAY01.\n"); }),
+              1);
     EXPECT_EQ(array.Uploads("ARRAY01").size(), 1U);
     EXPECT_TRUE(WaitForLog(
         "DEBUG HIC_CheckAndClearLunListByVnadm: clear device /dev/sdf by vnadm output.\n"));
