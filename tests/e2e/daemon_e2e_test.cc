@@ -31,6 +31,7 @@ namespace {
 using hic_test::LoggedMessages;
 using hic_test::MakeDirs;
 using hic_test::ReadFile;
+using hic_test::SplitLines;
 using hic_test::WriteFile;
 
 constexpr const char* kDaemon = "/usr/sbin/vn_hostinfo";
@@ -692,14 +693,6 @@ const Planted kPlanted[] = {
      "/srv/other/keep", "/srv/other"},
 };
 
-std::vector<std::string> SplitLines(const std::string& text) {
-    std::vector<std::string> out;
-    for (size_t pos = 0, end; (end = text.find('\n', pos)) != std::string::npos; pos = end + 1) {
-        out.push_back(text.substr(pos, end - pos));
-    }
-    return out;
-}
-
 // Processes of the sandbox but this one, its init and the virtual array
 // (zombies included: the caller reaps them first).
 std::vector<std::string> OtherProcesses(pid_t rig) {
@@ -788,7 +781,7 @@ TEST_F(DaemonE2eTest, AHostileOrBrokenHostAndArrayHarmNothing) {
                                         "list.data=/srv/secret.txt\n", "umask.data=0022\n",
                                         "CollectLog_ARRAY01.txt=ARRAY01\n"}));
     for (const std::string& fds : SplitLines(ReadFile("/run/vnadmin/fds"))) {
-        EXPECT_EQ(fds, "0 1 2 ");
+        EXPECT_EQ(fds, "0 1 2 \n");
     }
     struct stat st {};
     ASSERT_EQ(::stat(HIC_LOG_PATH, &st), 0);

@@ -19,20 +19,12 @@ namespace {
 using hic_test::Capture;
 using hic_test::Exists;
 using hic_test::ReadFile;
+using hic_test::SplitLines;
 using hic_test::WriteFile;
 
 const std::string kMarker = "/* The log is transferred to the bak */\n";
 const std::string kArchiveList = "tar tzf /opt/Vornal/log/hostinfolog.tar.gz 2>&1";
 const std::string kArchived = "tar xzOf /opt/Vornal/log/hostinfolog.tar.gz hostinfotool_bak.log";
-
-std::vector<std::string> SplitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    for (size_t start = 0, end = 0; start < text.size(); start = end) {
-        end = std::min(text.find('\n', start), text.size() - 1) + 1;
-        lines.push_back(text.substr(start, end - start));
-    }
-    return lines;
-}
 
 // A deterministic old log of exactly `size` bytes (up to 32 MiB), in
 // varied lines; formed once, since sanitizer builds make that slow.

@@ -152,16 +152,19 @@ std::string LoggedMessages() {
     return out;
 }
 
-LogList LogLines() {
-    const std::string log = LoggedMessages();
+LogList SplitLines(const std::string& text) {
     LogList lines;
-    for (size_t start = 0; start < log.size();) {
-        const size_t end = log.find('\n', start);
-        const size_t stop = end == std::string::npos ? log.size() : end + 1;
-        lines.push_back(log.substr(start, stop - start));
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = text.find('\n', start);
+        const size_t stop = end == std::string::npos ? text.size() : end + 1;
+        lines.push_back(text.substr(start, stop - start));
         start = stop;
     }
     return lines;
+}
+
+LogList LogLines() {
+    return SplitLines(LoggedMessages());
 }
 
 std::string Joined(const LogList& lines) {

@@ -38,6 +38,8 @@ Bytes Join(std::initializer_list<Bytes> parts);
 std::string LoggedMessages();
 // The same, one entry per line (each with its line end).
 LogList LogLines();
+// Any text cut into lines, each with its line end (the last may lack one).
+LogList SplitLines(const std::string& text);
 std::string Joined(const LogList& lines);
 inline std::string Info(const std::string& func, const std::string& msg) {
     return "INFO " + func + ": " + msg;
