@@ -5,7 +5,7 @@
 # in each (the release one also builds, lints and installs the Debian and
 # RPM packages), builds the fuzzers and benchmarks and gives each fuzzer a
 # short run, and runs shellcheck over every shell script and clang-tidy over
-# the daemon.
+# the daemon and the test tools.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$PWD
@@ -67,8 +67,8 @@ for f in bounded settings; do
   grep -E '^Done|DONE' "$out/fuzz/$f.log" | tail -1 || true
 done
 
-step "clang-tidy (daemon sources)"
-git ls-files 'src/*.cc' | xargs -P "$jobs" -n 4 clang-tidy -p "$out/release" --quiet 2>/dev/null
+step "clang-tidy (daemon and test tools)"
+git ls-files 'src/*.cc' 'tools/*.cc' | xargs -P "$jobs" -n 4 clang-tidy -p "$out/release" --quiet 2>/dev/null
 
 step "all configurations passed"
 echo "ctest: $total passed, 0 failed"
