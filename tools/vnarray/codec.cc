@@ -356,9 +356,7 @@ bool ParseFaultConf(const Json& j, FaultConf* out, std::string* error) {
     auto status = ReadInt(j, "status", 0, 255, error);
     auto host = ReadInt(j, "host_status", 0, 0xFFFF, error);
     auto driver = ReadInt(j, "driver_status", 0, 0xFFFF, error);
-    auto short_len = ReadInt(j, "short", 0, 0xFFFFFFFFLL, error);
     auto delay = ReadInt(j, "delay_ms", 0, 3600000, error);
-    auto honour = ReadInt(j, "honour_timeout", 0, 1, error);
     auto after = ReadInt(j, "after", 0, INT64_MAX, error);
     auto count = ReadInt(j, "count", 0, INT64_MAX, error);
     if (!error->empty()) {
@@ -373,11 +371,7 @@ bool ParseFaultConf(const Json& j, FaultConf* out, std::string* error) {
     if (driver) {
         f.driver_status = static_cast<std::uint16_t>(*driver);
     }
-    if (short_len) {
-        f.short_len = static_cast<std::uint32_t>(*short_len);
-    }
     f.delay_ms = static_cast<std::uint32_t>(delay.value_or(0));
-    f.honour_timeout = honour.value_or(0) != 0;
     f.after = static_cast<std::uint64_t>(after.value_or(0));
     f.count = static_cast<std::uint64_t>(count.value_or(0));
     if (j.contains("sense")) {
@@ -387,19 +381,7 @@ bool ParseFaultConf(const Json& j, FaultConf* out, std::string* error) {
         }
         f.sense = std::move(*b);
     }
-    std::string mode = "any";
-    if (!ReadString(j, "open_mode", &mode, error)) {
-        return false;
-    }
-    if (mode == "any") {
-        f.open_mode = -1;
-    } else if (mode == "ro" || mode == "rw" || mode == "wo") {
-        f.open_mode = ModeFromName(mode);
-    } else {
-        return Fail(error, "'open_mode' must be ro, rw, wo or any");
-    }
-    const bool acts = f.err != 0 || f.status || f.host_status || f.driver_status || f.short_len ||
-                      f.delay_ms != 0;
+    const bool acts = f.err != 0 || f.status || f.host_status || f.driver_status || f.delay_ms != 0;
     if (f.kind.type == FaultKind::Type::kOpen && f.err == 0) {
         f.err = EIO;
     } else if (!acts) {
@@ -473,15 +455,8 @@ Json ToJson(const Fault& f) {
     if (s.sense) {
         j["sense"] = ToHex(*s.sense);
     }
-    if (s.short_len) {
-        j["short"] = *s.short_len;
-    }
     if (s.delay_ms != 0) {
         j["delay_ms"] = s.delay_ms;
-        j["honour_timeout"] = s.honour_timeout;
-    }
-    if (s.kind.type == FaultKind::Type::kOpen) {
-        j["open_mode"] = s.open_mode < 0 ? "any" : ModeName(s.open_mode);
     }
     return j;
 }

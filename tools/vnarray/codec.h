@@ -30,8 +30,7 @@
 // Fault (control command "inject", every field optional):
 // { "lun": "sdb" | "*", "kind": "any|open|inquiry|std|pageNN|c7|c9|ca|opNN",
 //   "errno": 5 | "EIO", "status": 2, "host_status": 7, "driver_status": 8,
-//   "sense": "hex", "short": 10, "delay_ms": 50, "honour_timeout": false,
-//   "after": 0, "count": 0, "open_mode": "ro|rw|wo|any" }
+//   "sense": "hex", "delay_ms": 50, "after": 0, "count": 0 }
 // Numbers may also be given as strings ("0x02", "7"), as the command-line
 // client sends them.
 #ifndef VNARRAY_CODEC_H

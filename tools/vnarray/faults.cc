@@ -127,15 +127,14 @@ std::string FaultKind::Name() const {
     return "any";
 }
 
-Fault* Model::MatchFaultLocked(const std::string& dev, const FaultKind& kind, int open_flags) {
+Fault* Model::MatchFaultLocked(const std::string& dev, const FaultKind& kind) {
     for (Fault& f : faults_) {
         const FaultConf& s = f.conf;
         if (s.lun != "*" && s.lun != dev) {
             continue;
         }
         if (kind.type == FaultKind::Type::kOpen) {
-            if (s.kind.type != FaultKind::Type::kOpen ||
-                (s.open_mode >= 0 && s.open_mode != open_flags)) {
+            if (s.kind.type != FaultKind::Type::kOpen) {
                 continue;
             }
         } else if (!s.kind.Covers(kind)) {

@@ -306,7 +306,7 @@ int Model::Open(std::uint64_t lun_id, int flags, int pid) {
         rec.lun = lun->conf.dev;
         FaultKind open_kind;
         open_kind.type = FaultKind::Type::kOpen;
-        if (Fault* f = MatchFaultLocked(lun->conf.dev, open_kind, rec.flags)) {
+        if (Fault* f = MatchFaultLocked(lun->conf.dev, open_kind)) {
             rec.err = f->conf.err != 0 ? f->conf.err : EIO;
         }
     }
@@ -398,15 +398,11 @@ SgResponse Model::Execute(const SgRequest& request) {
     if (response.err == 0) {
         std::uint32_t take = request.dxfer_len;
         bool processed = true;
-        if (Fault* f = MatchFaultLocked(lun->conf.dev, KindOfCdb(request.cdb), rec.open_flags)) {
+        if (Fault* f = MatchFaultLocked(lun->conf.dev, KindOfCdb(request.cdb))) {
             const FaultConf& s = f->conf;
             response.fault_id = f->id;
             response.delay_ms = s.delay_ms;
-            if (s.honour_timeout && request.timeout != 0 && s.delay_ms > request.timeout) {
-                response.delay_ms = request.timeout;
-                response.host_status = kDidTimeOut;
-                processed = false;
-            } else if (s.err != 0) {
+            if (s.err != 0) {
                 response.err = s.err;
                 processed = false;
             } else if (s.status || s.host_status || s.driver_status) {
@@ -420,9 +416,6 @@ SgResponse Model::Execute(const SgRequest& request) {
                 response.driver_status =
                     s.driver_status.value_or(response.sense.empty() ? 0 : kDriverSense);
                 processed = false;
-            }
-            if (s.short_len) {
-                take = std::min(take, *s.short_len);
             }
         }
         if (processed) {

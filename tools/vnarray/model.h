@@ -39,7 +39,6 @@ inline constexpr int kDxferToFromDev = -4;
 // SCSI and transport status values the model produces by itself.
 inline constexpr std::uint8_t kStatusCheckCondition = 0x02;
 inline constexpr std::uint16_t kDidError = 0x07;     // host adapter: internal error
-inline constexpr std::uint16_t kDidTimeOut = 0x03;   // host adapter: command timed out
 inline constexpr std::uint16_t kDriverSense = 0x08;  // driver: sense data available
 
 // Page key of the standard INQUIRY data in page maps; VPD pages use their code.
@@ -155,12 +154,9 @@ struct FaultConf {
     std::optional<std::uint16_t> host_status;
     std::optional<std::uint16_t> driver_status;
     std::optional<Bytes> sense;
-    std::optional<std::uint32_t> short_len;  // move at most this many bytes, resid set
     std::uint32_t delay_ms = 0;
-    bool honour_timeout = false;  // a delay beyond the caller's timeout ends in DID_TIME_OUT
-    std::uint64_t after = 0;      // let this many matching commands pass first
-    std::uint64_t count = 0;      // then hit this many; 0 = every one
-    int open_mode = -1;           // kind open: O_RDONLY, O_RDWR, O_WRONLY or -1 for any
+    std::uint64_t after = 0;  // let this many matching commands pass first
+    std::uint64_t count = 0;  // then hit this many; 0 = every one
 };
 
 struct Fault {
@@ -338,7 +334,7 @@ class Model {
     const Lun* FindLunLocked(const std::string& dev) const;
     Array* FindArrayLocked(const std::string& id);
     std::optional<Bytes> PageLocked(const Lun& lun, int page) const;
-    Fault* MatchFaultLocked(const std::string& dev, const FaultKind& kind, int open_flags);
+    Fault* MatchFaultLocked(const std::string& dev, const FaultKind& kind);
     std::uint32_t Dispatch(Lun& lun, const SgRequest& request, std::uint64_t seq,
                            std::uint32_t take, SgResponse& response);
     void AnswerInquiry(const Lun& lun, const SgRequest& request, SgResponse& response) const;
