@@ -59,7 +59,6 @@ out=$("$sandbox" --keep "$keep" -- sh -c "
 [[ $vornal_before == 1 || ! -e /Vornal ]] || fail "/Vornal appeared outside"
 kept=$(cd "$keep" && find . -type f | sort | tr '\n' ' ')
 [[ $kept == "./etc/vn.hostinfo.$tag ./opt/Vornal/$tag/x " ]] || fail "--keep copied '$kept'"
-[[ $(cat "$keep/opt/Vornal/$tag/x" 2>/dev/null) == inside ]] || fail "--keep content differs"
 
 # /sys/block is empty and writable; /dev has the usual nodes and no disks.
 # shellcheck disable=SC2016 # expanded inside
@@ -82,9 +81,6 @@ out=$(HIC_SBTEST_ENV=passed "$sandbox" -- sh -c '
 out=$(cd "$scratch" && "$sandbox" --setup "pwd >/tmp/setup-$tag; rm -rf '$scratch'" -- cat "/tmp/setup-$tag")
 [[ $out == "$scratch" ]] || fail "setup ran in '$out', want '$scratch'"
 [[ -d $scratch && ! -e /tmp/setup-$tag ]] || fail "--setup changed the host"
-"$sandbox" --setup 'exit 1' -- sh -c 'echo ran' >"$scratch/setup-out" 2>/dev/null
-got=$?
-[[ $got == 125 && ! -s $scratch/setup-out ]] || fail "failing setup gave $got"
 
 # The stand-in vnadmin: answers from files, records calls; --no-vnadmin
 # removes it.
