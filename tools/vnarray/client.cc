@@ -43,6 +43,16 @@ Json Filtered(const char* cmd, const char* key, const std::string& value) {
     return j;
 }
 
+// The records an answer lists under key, each read by from.
+template <typename Record>
+std::vector<Record> RecordsOf(const Json& answer, const char* key, Record (*from)(const Json&)) {
+    std::vector<Record> out;
+    for (const Json& r : answer.at(key)) {
+        out.push_back(from(r));
+    }
+    return out;
+}
+
 }  // namespace
 
 Client::~Client() {
@@ -175,48 +185,23 @@ void Client::RemoveLun(const std::string& dev) {
 std::vector<CommandRecord> Client::Commands(const Json& filter) {
     Json j = filter.is_object() ? filter : Json::object();
     j["cmd"] = "commands";
-    std::vector<CommandRecord> out;
-    const Json answer = Call(j);
-    for (const Json& r : answer.at("commands")) {
-        out.push_back(CommandFromJson(r));
-    }
-    return out;
+    return RecordsOf(Call(j), "commands", CommandFromJson);
 }
 
 std::vector<OpenRecord> Client::Opens(const std::string& lun) {
-    std::vector<OpenRecord> out;
-    const Json answer = Call(Filtered("opens", "lun", lun));
-    for (const Json& r : answer.at("opens")) {
-        out.push_back(OpenFromJson(r));
-    }
-    return out;
+    return RecordsOf(Call(Filtered("opens", "lun", lun)), "opens", OpenFromJson);
 }
 
 std::vector<WriteRecord> Client::Writes(const std::string& lun) {
-    std::vector<WriteRecord> out;
-    const Json answer = Call(Filtered("writes", "lun", lun));
-    for (const Json& r : answer.at("writes")) {
-        out.push_back(WriteFromJson(r));
-    }
-    return out;
+    return RecordsOf(Call(Filtered("writes", "lun", lun)), "writes", WriteFromJson);
 }
 
 std::vector<HeartbeatRecord> Client::Heartbeats(const std::string& array) {
-    std::vector<HeartbeatRecord> out;
-    const Json answer = Call(Filtered("heartbeats", "array", array));
-    for (const Json& r : answer.at("heartbeats")) {
-        out.push_back(HeartbeatFromJson(r));
-    }
-    return out;
+    return RecordsOf(Call(Filtered("heartbeats", "array", array)), "heartbeats", HeartbeatFromJson);
 }
 
 std::vector<UploadAttempt> Client::Uploads(const std::string& array) {
-    std::vector<UploadAttempt> out;
-    const Json answer = Call(Filtered("uploads", "array", array));
-    for (const Json& r : answer.at("uploads")) {
-        out.push_back(UploadFromJson(r));
-    }
-    return out;
+    return RecordsOf(Call(Filtered("uploads", "array", array)), "uploads", UploadFromJson);
 }
 
 Bytes Client::UploadData(const std::string& array, std::optional<std::uint64_t> index) {

@@ -75,6 +75,10 @@ std::optional<FaultKind> FaultKind::Parse(const std::string& text) {
         }
         return (*b)[0];
     };
+    // The byte written in two hex digits after prefix ("page80", "opc7").
+    const auto suffix_byte = [&](const std::string& prefix) -> std::optional<std::uint8_t> {
+        return t.rfind(prefix, 0) == 0 ? hex_byte(t.substr(prefix.size())) : std::nullopt;
+    };
     if (t == "any") {
         k.type = Type::kAny;
     } else if (t == "open") {
@@ -84,23 +88,13 @@ std::optional<FaultKind> FaultKind::Parse(const std::string& text) {
     } else if (t == "std") {
         k.type = Type::kPage;
         k.page = kStandardPage;
-    } else if (t.rfind("page", 0) == 0) {
-        auto b = hex_byte(t.substr(4));
-        if (!b) {
-            return std::nullopt;
-        }
+    } else if (const auto page = suffix_byte("page")) {
         k.type = Type::kPage;
-        k.page = *b;
-    } else if (t == "c7" || t == "c9" || t == "ca") {
+        k.page = *page;
+    } else if (const auto op =
+                   (t == "c7" || t == "c9" || t == "ca") ? hex_byte(t) : suffix_byte("op")) {
         k.type = Type::kOpcode;
-        k.opcode = *hex_byte(t);
-    } else if (t.rfind("op", 0) == 0) {
-        auto b = hex_byte(t.substr(2));
-        if (!b) {
-            return std::nullopt;
-        }
-        k.type = Type::kOpcode;
-        k.opcode = *b;
+        k.opcode = *op;
     } else {
         return std::nullopt;
     }
