@@ -142,7 +142,7 @@ void FuzzParsers(const uint8_t* data, size_t size) {
     // Exactly size bytes without a terminator of ours: the parsers must stop
     // at the buffer's end.
     std::vector<char> raw(data, data + size);
-    const auto rawSize = static_cast<int32_t>(size);
+    const auto rawSize = static_cast<uint32_t>(size);
     const std::string text = TextOf(raw.data(), size);
 
     unsigned char out[16];
@@ -177,7 +177,7 @@ void FuzzParsers(const uint8_t* data, size_t size) {
     // then the IPv4 parser.
     std::vector<char> buf(data, data + size);
     buf.push_back('\0');
-    const auto bufSize = static_cast<int32_t>(buf.size());
+    const auto bufSize = static_cast<uint32_t>(buf.size());
     std::vector<char> buf6 = buf;
     const std::string trimmed = ModelTrim(TextOf(buf.data(), buf.size()));
     std::memset(out, 0xEE, sizeof(out));

@@ -8,12 +8,9 @@
 namespace {
 
 constexpr uint32_t HIC_IPV4_PART_MAX = 255;
-constexpr int32_t HIC_IPV4_DOT_NUM = 3;
-constexpr int32_t HIC_IPV6_COLON_MAX = 7;
+constexpr uint32_t HIC_IPV4_DOT_NUM = 3;
+constexpr uint32_t HIC_IPV6_COLON_MAX = 7;
 constexpr uint32_t HIC_IPV6_GROUP_BYTES = sizeof(uint32_t);
-// Position of "no colon seen yet": far enough before 0 that a colon at 0
-// is never taken as the second half of a double colon.
-constexpr int32_t HIC_NO_COLON_POS = -2;
 
 bool IsDecimalDigit(char c) {
     return c >= '0' && c <= '9';
@@ -25,7 +22,7 @@ char ToUpperAscii(char c) {
 
 }  // namespace
 
-int32_t HIC_GetSendIPAndType(unsigned char* out, int32_t outSize, unsigned char* ipType) {
+int32_t HIC_GetSendIPAndType(unsigned char* out, uint32_t outSize, unsigned char* ipType) {
     // The encoding always writes a whole field; a smaller one is refused
     // rather than overrun.
     if (out == nullptr || ipType == nullptr || outSize < HIC_IP_ADDR_LEN) {
@@ -52,7 +49,7 @@ int32_t HIC_GetSendIPAndType(unsigned char* out, int32_t outSize, unsigned char*
     return 0;
 }
 
-int32_t HIC_TransIpType(const char* text, int32_t size, unsigned char* ipType) {
+int32_t HIC_TransIpType(const char* text, uint32_t size, unsigned char* ipType) {
     if (ipType == nullptr) {
         return -1;
     }
@@ -60,11 +57,11 @@ int32_t HIC_TransIpType(const char* text, int32_t size, unsigned char* ipType) {
     if (text == nullptr) {
         return -1;
     }
-    int32_t pos = 0;
+    uint32_t pos = 0;
     while (pos < size && text[pos] == ' ') {
         ++pos;
     }
-    if (pos + 3 >= size) {
+    if (size - pos <= 3) {
         return -1;
     }
     if (ToUpperAscii(text[pos]) != 'I' || ToUpperAscii(text[pos + 1]) != 'P' ||
@@ -82,8 +79,8 @@ int32_t HIC_TransIpType(const char* text, int32_t size, unsigned char* ipType) {
     return -1;
 }
 
-int32_t HIC_IPStringToNumber(unsigned char type, char* text, int32_t size, unsigned char* out,
-                             int32_t outSize) {
+int32_t HIC_IPStringToNumber(unsigned char type, char* text, uint32_t size, unsigned char* out,
+                             uint32_t outSize) {
     if (text == nullptr || out == nullptr) {
         return -1;
     }
@@ -106,11 +103,11 @@ int32_t HIC_IPStringToNumber(unsigned char type, char* text, int32_t size, unsig
     return -1;
 }
 
-int32_t HIC_CheckIPv4FirstChar(const char* text, int32_t size) {
+int32_t HIC_CheckIPv4FirstChar(const char* text, uint32_t size) {
     if (text == nullptr) {
         return -1;
     }
-    int32_t pos = 0;
+    uint32_t pos = 0;
     while (pos < size && text[pos] == ' ') {
         ++pos;
     }
@@ -120,15 +117,15 @@ int32_t HIC_CheckIPv4FirstChar(const char* text, int32_t size) {
     return 0;
 }
 
-int32_t HIC_IPv4StringToNumber(const char* text, int32_t size, unsigned char* out,
-                               int32_t outSize) {
+int32_t HIC_IPv4StringToNumber(const char* text, uint32_t size, unsigned char* out,
+                               uint32_t outSize) {
     if (text == nullptr || out == nullptr) {
         return -1;
     }
     uint32_t parts[HIC_IPV4_PART_NUM] = {0, 0, 0, 0};
-    int32_t index = 0;
-    int32_t dots = 0;
-    for (int32_t pos = 0; pos < size; ++pos) {
+    uint32_t index = 0;
+    uint32_t dots = 0;
+    for (uint32_t pos = 0; pos < size; ++pos) {
         if (index >= HIC_IPV4_PART_NUM) {
             return -1;
         }
@@ -152,33 +149,34 @@ int32_t HIC_IPv4StringToNumber(const char* text, int32_t size, unsigned char* ou
     return HIC_CopyIPv4Parts(parts, dots, out, outSize);
 }
 
-int32_t HIC_CopyIPv4Parts(const uint32_t parts[HIC_IPV4_PART_NUM], int32_t dotCount,
-                          unsigned char* out, int32_t outSize) {
+int32_t HIC_CopyIPv4Parts(const uint32_t parts[HIC_IPV4_PART_NUM], uint32_t dotCount,
+                          unsigned char* out, uint32_t outSize) {
     if (parts == nullptr || out == nullptr) {
         return -1;
     }
     if (outSize < HIC_IPV4_PART_NUM || dotCount != HIC_IPV4_DOT_NUM) {
         return -1;
     }
-    for (int32_t k = 0; k < HIC_IPV4_PART_NUM; ++k) {
+    for (uint32_t k = 0; k < HIC_IPV4_PART_NUM; ++k) {
         out[k] = static_cast<unsigned char>(parts[k]);
     }
     return 0;
 }
 
-int32_t HIC_IPv6StringToNumber(const char* text, int32_t size, unsigned char* out,
-                               int32_t outSize) {
+int32_t HIC_IPv6StringToNumber(const char* text, uint32_t size, unsigned char* out,
+                               uint32_t outSize) {
     if (text == nullptr || out == nullptr) {
         return -1;
     }
     // Accumulators wrap freely: only the lowest 16 bits of a group count.
     uint32_t groups[HIC_IPV6_GROUP_NUM] = {0, 0, 0, 0, 0, 0, 0, 0};
-    int32_t index = 0;
-    int32_t colons = 0;
-    int32_t doubleColons = 0;
-    int32_t gapIndex = 0;
-    int32_t lastColon = HIC_NO_COLON_POS;
-    for (int32_t pos = 0; pos < size; ++pos) {
+    uint32_t index = 0;
+    uint32_t colons = 0;
+    uint32_t doubleColons = 0;
+    uint32_t gapIndex = 0;
+    // A colon right behind another completes a double colon.
+    bool afterColon = false;
+    for (uint32_t pos = 0; pos < size; ++pos) {
         if (index >= HIC_IPV6_GROUP_NUM) {
             return -1;
         }
@@ -186,15 +184,16 @@ int32_t HIC_IPv6StringToNumber(const char* text, int32_t size, unsigned char* ou
         uint32_t value = 0;
         if (HIC_HexCharToValue(c, &value) == 0) {
             groups[index] = groups[index] * 16 + value;
+            afterColon = false;
         } else if (c == ':') {
-            if (pos == lastColon + 1) {
+            if (afterColon) {
                 gapIndex = index;
                 ++doubleColons;
             } else {
                 ++index;
             }
             ++colons;
-            lastColon = pos;
+            afterColon = true;
         } else if (c == '\0') {
             break;
         } else {
@@ -223,8 +222,8 @@ int32_t HIC_HexCharToValue(char c, uint32_t* value) {
     return 0;
 }
 
-int32_t HIC_ExpandIPv6Zeros(uint32_t groups[HIC_IPV6_GROUP_NUM], int32_t lastIndex,
-                            int32_t doubleColonCount, int32_t gapIndex) {
+int32_t HIC_ExpandIPv6Zeros(uint32_t groups[HIC_IPV6_GROUP_NUM], uint32_t lastIndex,
+                            uint32_t doubleColonCount, uint32_t gapIndex) {
     if (groups == nullptr || doubleColonCount > 1) {
         return -1;
     }
@@ -232,27 +231,27 @@ int32_t HIC_ExpandIPv6Zeros(uint32_t groups[HIC_IPV6_GROUP_NUM], int32_t lastInd
         return 0;
     }
     // A text that ends on the colon opening a ninth group has no slot for it.
-    if (gapIndex < 0 || lastIndex < gapIndex || lastIndex >= HIC_IPV6_GROUP_NUM) {
+    if (lastIndex < gapIndex || lastIndex >= HIC_IPV6_GROUP_NUM) {
         return -1;
     }
-    const int32_t moved = lastIndex - gapIndex + 1;
-    const int32_t firstMoved = HIC_IPV6_GROUP_NUM - moved;
+    const uint32_t moved = lastIndex - gapIndex + 1;
+    const uint32_t firstMoved = HIC_IPV6_GROUP_NUM - moved;
     if (firstMoved == gapIndex) {
         return 0;
     }
-    const uint32_t movedBytes = static_cast<uint32_t>(moved) * HIC_IPV6_GROUP_BYTES;
+    const uint32_t movedBytes = moved * HIC_IPV6_GROUP_BYTES;
     if (memmove_s(&groups[firstMoved], movedBytes, &groups[gapIndex], movedBytes) != HIC_EOK) {
         return -1;
     }
-    const uint32_t gapBytes = static_cast<uint32_t>(firstMoved - gapIndex) * HIC_IPV6_GROUP_BYTES;
+    const uint32_t gapBytes = (firstMoved - gapIndex) * HIC_IPV6_GROUP_BYTES;
     if (memset_s(&groups[gapIndex], gapBytes, 0, gapBytes) != HIC_EOK) {
         return -1;
     }
     return 0;
 }
 
-int32_t HIC_CopyIPv6Groups(const uint32_t groups[HIC_IPV6_GROUP_NUM], int32_t colonCount,
-                           unsigned char* out, int32_t outSize) {
+int32_t HIC_CopyIPv6Groups(const uint32_t groups[HIC_IPV6_GROUP_NUM], uint32_t colonCount,
+                           unsigned char* out, uint32_t outSize) {
     if (groups == nullptr || out == nullptr) {
         return -1;
     }
@@ -260,7 +259,7 @@ int32_t HIC_CopyIPv6Groups(const uint32_t groups[HIC_IPV6_GROUP_NUM], int32_t co
         return -1;
     }
     unsigned char* byte = out;
-    for (int32_t k = 0; k < HIC_IPV6_GROUP_NUM; ++k, byte += 2) {
+    for (uint32_t k = 0; k < HIC_IPV6_GROUP_NUM; ++k, byte += 2) {
         hic::EncodeBigEndian16(byte, static_cast<uint16_t>(groups[k]));
     }
     return 0;

@@ -20,7 +20,7 @@ using hic_test::WriteSettings;
 
 using Field = std::array<unsigned char, 16>;
 
-constexpr int32_t kLen = HIC_HOST_INFO_LINE_LEN;
+constexpr uint32_t kLen = HIC_HOST_INFO_LINE_LEN;
 constexpr unsigned char kFill = 0xEE;  // marks bytes nobody may write
 
 Field Filled() {
@@ -136,7 +136,7 @@ TEST_F(SandboxTest, ParsersStopAtBufferEnd) {
     std::vector<char> buf(v4.begin(), v4.end());
     Field field = Filled();
     EXPECT_EQ(
-        HIC_IPv4StringToNumber(buf.data(), static_cast<int32_t>(buf.size()), field.data(), 16), 0);
+        HIC_IPv4StringToNumber(buf.data(), static_cast<uint32_t>(buf.size()), field.data(), 16), 0);
     EXPECT_EQ(field, V4(1, 2, 3, 4));
     EXPECT_EQ(HIC_CheckIPv4FirstChar("    ", 4), -1);
     EXPECT_EQ(HIC_CheckIPv4FirstChar("   7", 4), 0);
@@ -146,12 +146,13 @@ TEST_F(SandboxTest, ParsersStopAtBufferEnd) {
     buf.assign(v6.begin(), v6.end());
     field = Filled();
     EXPECT_EQ(
-        HIC_IPv6StringToNumber(buf.data(), static_cast<int32_t>(buf.size()), field.data(), 16), -1);
+        HIC_IPv6StringToNumber(buf.data(), static_cast<uint32_t>(buf.size()), field.data(), 16),
+        -1);
     EXPECT_EQ(field, Filled());
     const std::string v6ok = "fe80::1";
     buf.assign(v6ok.begin(), v6ok.end());
     EXPECT_EQ(
-        HIC_IPv6StringToNumber(buf.data(), static_cast<int32_t>(buf.size()), field.data(), 16), 0);
+        HIC_IPv6StringToNumber(buf.data(), static_cast<uint32_t>(buf.size()), field.data(), 16), 0);
     EXPECT_EQ(field, V6({0xFE80, 0, 0, 0, 0, 0, 0, 1}));
 }
 

@@ -15,7 +15,7 @@ using hic_test::LoggedMessages;
 using SandboxTest = hic_test::SettingsTest;
 using hic_test::WriteSettings;
 
-constexpr int32_t kLen = HIC_HOST_INFO_LINE_LEN;
+constexpr uint32_t kLen = HIC_HOST_INFO_LINE_LEN;
 
 struct FileCase {
     const char* name;
@@ -104,7 +104,7 @@ INSTANTIATE_TEST_SUITE_P(Grammar, GetIpAndTypeTest, ::testing::ValuesIn(kFileCas
 // spare byte, so ASan sees any access beyond.
 TEST_F(SandboxTest, StringTrimStaysInsideBuffer) {
     std::vector<char> buf = {' ', ' ', 'a', 'b', ' '};
-    EXPECT_EQ(HIC_StringTrim(buf.data(), static_cast<int32_t>(buf.size())), 0);
+    EXPECT_EQ(HIC_StringTrim(buf.data(), static_cast<uint32_t>(buf.size())), 0);
     EXPECT_EQ(std::string(buf.data(), 2), "ab");
 }
 
