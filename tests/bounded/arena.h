@@ -10,7 +10,6 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 namespace hic::test {
@@ -44,15 +43,6 @@ class Arena {
     // The bytes the call is expected to leave at a position.
     void Expect(std::ptrdiff_t offset, std::string_view data) {
         std::memcpy(expected_.data() + kDest + offset, data.data(), data.size());
-    }
-
-    // The pattern bytes that were at [offset, offset + n) originally.
-    static std::string Original(std::ptrdiff_t offset, std::size_t n) {
-        std::string s(n, '\0');
-        for (std::size_t i = 0; i < n; ++i) {
-            s[i] = Pattern(kDest + offset + static_cast<std::ptrdiff_t>(i));
-        }
-        return s;
     }
 
     ::testing::AssertionResult Matches() const { return MatchesOutside(0); }

