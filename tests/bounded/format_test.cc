@@ -62,19 +62,14 @@ std::string Libc(const char* format, A... args) {
     return std::string(buffer, n < 0 ? 0 : static_cast<size_t>(n));
 }
 
-// What a failed call shows as, "<-1>": appended, since GCC 12 at -O3 sees a
-// false overlap in "<" + std::to_string(n).
-std::string FailureText(int n) {
-    return std::string("<").append(std::to_string(n)).append(">");
-}
-
-// Result of formatting into a roomy buffer: the text, or "<-1>".
+// Result of formatting into a roomy buffer: the text, or the failure as
+// "<-1>" (appended, since GCC 12 at -O3 sees a false overlap in "<" + ...).
 template <typename... A>
 std::string Formatted(const char* format, A... args) {
     char buffer[1024];
     const int n = Sprintf(buffer, sizeof(buffer), format, args...);
     if (n < 0) {
-        return FailureText(n);
+        return std::string("<").append(std::to_string(n)).append(">");
     }
     EXPECT_EQ(buffer[n], '\0');
     return std::string(buffer, static_cast<size_t>(n));
@@ -175,9 +170,7 @@ TEST(FormatEngine, FixedRenderings) {
         {Formatted("[%lls|%js|%zs|%ts]", L"a", L"b", L"c", L"d"), "[a|b|c|d]"},
         {Formatted("[%hs|%hhs]", "narrow", "n"), "[narrow|n]"},
         {Formatted("[%I64s]", "narrow"), "[narrow]"},
-        {Formatted("100%%"), "100%"},
         {Formatted("[%5%|%-5%]"), "[%|%]"},  // as glibc: no padding
-        {Formatted("a%sb%dc", "-", 1), "a-b1c"},
         {Formatted("%.400f", 1e300), Libc("%.400f", 1e300)},
         {Formatted("[%9.1f|%-+7.1Le]", 2.5, 2.5L), Libc("[%9.1f|%-+7.1Le]", 2.5, 2.5L)},
         // Not representable in the C locale: libc fails, and so do we.

@@ -79,14 +79,8 @@ std::string CaptureStdout(Fn fn) {
     return ::testing::internal::GetCapturedStdout();
 }
 
-class LogTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        ASSERT_EQ(std::system("rm -rf /opt/Vornal && mkdir -p /opt/Vornal/log"), 0);
-        HIC_SetLogLevel(HIC_LOG_INFO);
-    }
-    void TearDown() override { HIC_SetLogLevel(HIC_LOG_INFO); }
-};
+// Each test starts with the log directory and no log, at level INFO.
+using LogTest = hic_test::SandboxTest;
 
 TEST_F(LogTest, MissingDirectoryLosesTheLineSilently) {
     ASSERT_EQ(std::system("rm -rf /opt/Vornal"), 0);

@@ -49,7 +49,6 @@ struct FileCase {
 const std::string kX250(250, 'x');
 
 const FileCase kFileCases[] = {
-    {"Plain", "IpType=IPv4;\nIpAddress=10.10.1.20;\n", 0, "10.10.1.20", "IPv4", ""},
     {"AddressLineFirst", "IpAddress=fe80::1;\nIpType=IPv6;\n", 0, "fe80::1", "IPv6", ""},
     {"AllWhiteSpaceKindsTrimmed", "IpType=IPv4;\nIpAddress=\t\v\f\r 10.0.0.1\t\r ;\n", 0,
      "10.0.0.1", "IPv4", ""},
@@ -103,14 +102,6 @@ TEST_P(GetIpAndTypeTest, ReadsBothValues) {
 INSTANTIATE_TEST_SUITE_P(Grammar, GetIpAndTypeTest, ::testing::ValuesIn(kFileCases),
                          hic_test::CaseName());
 
-// A text filling its buffer without a terminator is trimmed within it: no
-// spare byte, so ASan sees any access beyond.
-TEST_F(SettingsTest, StringTrimStaysInsideBuffer) {
-    std::vector<char> buf = {' ', ' ', 'a', 'b', ' '};
-    EXPECT_EQ(HIC_StringTrim(buf.data(), static_cast<uint32_t>(buf.size())), 0);
-    EXPECT_EQ(std::string(buf.data(), 2), "ab");
-}
-
 using Field = std::array<unsigned char, 16>;
 
 constexpr unsigned char kFill = 0xEE;  // marks bytes nobody may write
@@ -151,7 +142,6 @@ struct AddrCase {
 
 const AddrCase kAddrCases[] = {
     {"V4Max", HIC_IP_TYPE_V4, "255.255.255.255", 0, V4(255, 255, 255, 255)},
-    {"V4EmptyPartIsZero", HIC_IP_TYPE_V4, "10..0.1", 0, V4(10, 0, 0, 1)},
     {"V4LeadingZerosDecimal", HIC_IP_TYPE_V4, "010.1.1.1", 0, V4(10, 1, 1, 1)},
     {"V4BlankInsidePartIgnored", HIC_IP_TYPE_V4, "1 0.0 .0. 1", 0, V4(10, 0, 0, 1)},
     {"V4OuterWhiteSpaceTrimmed", HIC_IP_TYPE_V4, " \t1.2.3.4\r\n", 0, V4(1, 2, 3, 4)},
@@ -168,7 +158,6 @@ const AddrCase kAddrCases[] = {
     {"V6UpperCase", HIC_IP_TYPE_V6, "FE80::ABCD", 0, V6({0xFE80, 0, 0, 0, 0, 0, 0, 0xABCD})},
     {"V6LongGroupKeepsLastFourDigits", HIC_IP_TYPE_V6, "12345::1", 0,
      V6({0x2345, 0, 0, 0, 0, 0, 0, 1})},
-    {"V6FewGroupsNoGap", HIC_IP_TYPE_V6, "1:2:3", 0, V6({1, 2, 3, 0, 0, 0, 0, 0})},
     {"V6LeadingSingleColon", HIC_IP_TYPE_V6, ":1:2", 0, V6({0, 1, 2, 0, 0, 0, 0, 0})},
     {"V6LeadingGapEightColons", HIC_IP_TYPE_V6, "::2:3:4:5:6:7:8", -1, Filled()},
     {"V6TwoGaps", HIC_IP_TYPE_V6, "1::2::3", -1, Filled()},
@@ -198,9 +187,12 @@ TEST_P(IPStringToNumberTest, EncodesOrRefuses) {
 INSTANTIATE_TEST_SUITE_P(Addresses, IPStringToNumberTest, ::testing::ValuesIn(kAddrCases),
                          hic_test::CaseName());
 
-// Texts filling their buffer without a terminator: the parsers stop at its
-// end. The vectors have no spare byte, so ASan sees overreads.
+// Texts filling their buffer without a terminator: the trim and the parsers
+// stop at its end. The vectors have no spare byte, so ASan sees overreads.
 TEST_F(SettingsTest, ParsersStopAtBufferEnd) {
+    std::vector<char> untrimmed = {' ', ' ', 'a', 'b', ' '};
+    EXPECT_EQ(HIC_StringTrim(untrimmed.data(), static_cast<uint32_t>(untrimmed.size())), 0);
+    EXPECT_EQ(std::string(untrimmed.data(), 2), "ab");
     const auto parse = [](auto parser, const std::string& text, Field* field) {
         std::vector<char> buf(text.begin(), text.end());
         return parser(buf.data(), static_cast<uint32_t>(buf.size()), field->data(), 16);
