@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The installed systemd unit under a real systemd: the sandbox installs this
 # build tree (prefix /usr) and boots systemd as its process 1; the cases run
-# beside it with systemctl. Afterwards the host must be as it was: mounts,
-# cgroups, writable sysctls.
+# beside it with systemctl. Before it, the plain sandbox launcher's promises.
+# Afterwards the host must be as it was: mounts, cgroups, writable sysctls.
 #
 #   unit_test.sh BUILD_DIR     (as root)
 set -euo pipefail
@@ -19,13 +19,40 @@ if [[ ${1-} != --inside ]]; then
       -name '*.service' \) ! -path '*/hic-sandbox.*'
     find /proc/sys -type f -perm -u+w ! -name ns_last_pid -print0 | xargs -0 grep -s '' || true
   }
+  die() {
+    echo "unit_test: $*" >&2
+    exit 1
+  }
   before=$(host_state)
+  await() {  # N PATTERN: waits up to 5 s until N processes match PATTERN exactly
+    for _ in {1..100}; do
+      [[ $(pgrep -c -x -f -- "$2") == "$1" ]] && return 0
+      sleep 0.05
+    done
+    return 1
+  }
+  # First the plain launcher: what the setup and the command make stays
+  # inside, the status comes back (a signal's too), and nothing started
+  # inside outlives the launcher, also when it is killed.
+  tag=hic-unit-$$ marker="sleep 9$$.25" status=0
+  HIC_TAG=$tag "$sandbox" --setup "mkdir -p /opt/Vornal/$tag" -- sh -c "[ -d /opt/Vornal/$tag ] &&
+    [ \"\$PWD \$HIC_TAG\" = '$PWD $tag' ] && [ -z \"\$(ls /sys/block)\" ] && mkdir /sys/block/sd$tag &&
+    : >/dev/sd$tag && : >/etc/$tag && { setsid $marker </dev/null >/dev/null 2>&1 & } && exit 200" || status=$?
+  [[ $status == 200 && $("$sandbox" -- sh -c 'kill -9 $$' || echo $?) == 137 ]] || die "status"
+  [[ ! -e /opt/Vornal/$tag && ! -e /sys/block/sd$tag && ! -e /dev/sd$tag && ! -e /etc/$tag ]] || die "wrote to the host"
+  await 0 "$marker" || die "a process outlived the sandbox"
+  "$sandbox" -- sh -c "setsid $marker </dev/null >/dev/null 2>&1 & exec sleep 6$$.5" &
+  victim=$!
+  await 1 "$marker" || die "no process in the sandbox"
+  kill -9 "$victim"
+  wait "$victim" || true
+  { await 0 "$marker" && await 0 "sleep 6$$.5"; } || die "a process outlived a killed launcher"
   "$sandbox" --boot vn_hostinfo.service --setup "cmake --install $build --prefix /usr >/dev/null" \
     -- bash "$self" --inside &
   launcher=$!
   wait "$launcher"
-  diff <(echo "$before") <(host_state) || { echo "unit_test: the host changed" >&2; exit 1; }
-  [[ -z $(find /sys/fs/cgroup -name "hic-sandbox.$launcher") ]] || { echo "unit_test: cgroup left" >&2; exit 1; }
+  diff <(echo "$before") <(host_state) || die "the host changed"
+  [[ -z $(find /sys/fs/cgroup -name "hic-sandbox.$launcher") ]] || die "cgroup left"
   echo "unit_test: host unchanged"
   exit 0
 fi

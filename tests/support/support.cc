@@ -1,5 +1,6 @@
 #include "support/support.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -53,6 +54,19 @@ std::string Capture(const std::string& command) {
         out.append(buf, n);
     }
     (void)::pclose(pipe);
+    return out;
+}
+
+std::vector<std::string> DirNames(const std::string& path) {
+    std::vector<std::string> out;
+    if (DIR* d = ::opendir(path.c_str())) {
+        while (const dirent* e = ::readdir(d)) {
+            if (e->d_name[0] != '.') {
+                out.emplace_back(e->d_name);
+            }
+        }
+        ::closedir(d);
+    }
     return out;
 }
 
@@ -165,14 +179,6 @@ LogList SplitLines(const std::string& text) {
 
 LogList LogLines() {
     return SplitLines(LoggedMessages());
-}
-
-std::string Joined(const LogList& lines) {
-    std::string out;
-    for (const std::string& l : lines) {
-        out += l;
-    }
-    return out;
 }
 
 bool InOrder(const LogList& lines, const LogList& want) {

@@ -25,6 +25,8 @@ bool Exists(const std::string& path);
 void MakeDirs(const std::string& path, mode_t mode = 0755);
 // The standard output of a shell command.
 std::string Capture(const std::string& command);
+// The entries of a directory but dot files, in the order readdir gives them.
+std::vector<std::string> DirNames(const std::string& path);
 
 // "0a 0B:0c" -> {0x0a, 0x0b, 0x0c}; spaces and colons are skipped.
 Bytes Hex(const std::string& text);
@@ -40,7 +42,6 @@ std::string LoggedMessages();
 LogList LogLines();
 // Any text cut into lines, each with its line end (the last may lack one).
 LogList SplitLines(const std::string& text);
-std::string Joined(const LogList& lines);
 inline std::string Info(const std::string& func, const std::string& msg) {
     return "INFO " + func + ": " + msg;
 }
