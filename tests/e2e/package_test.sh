@@ -108,10 +108,9 @@ for want in "systemd-tmpfiles --create vn_hostinfo.conf" "systemctl --no-reload 
 done
 
 man=$src/packaging/vn_hostinfo.8
-warnings=$(groff -man -ww -z "$man" 2>&1; man --warnings -l "$man" 2>&1 >/dev/null)
-[ -z "$warnings" ] || fail "man page: $warnings"
-wide=$(MANWIDTH=80 man -l "$man" 2>/dev/null | awk 'length > 80')
-[ -z "$wide" ] || fail "man page wider than 80 columns: $wide"
+bad=$(groff -man -ww -z "$man" 2>&1; man --warnings -l "$man" 2>&1 >/dev/null
+  MANWIDTH=80 man -l "$man" 2>/dev/null | awk 'length > 80')
+[ -z "$bad" ] || fail "man page warnings or lines over 80 columns: $bad"
 for section in SIGNALS "EXIT STATUS" DIAGNOSTICS FILES "SEE ALSO"; do
   grep -qx "\.SH $section" "$man" || fail "man page lacks $section"
 done

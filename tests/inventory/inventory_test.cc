@@ -1,7 +1,6 @@
 // The pieces of the inventory with edges of their own: the identity of each
 // disk as discovery reads it through every INQUIRY reader, and the reader of
 // the management tool's listing.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <map>
@@ -11,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "base/handles.h"
 #include "client.h"
 #include "collect/collect_task.h"
 #include "inventory/array_list.h"
@@ -19,7 +17,6 @@
 #include "inventory/lists.h"
 #include "inventory/vnadm_refresh.h"
 #include "log/log.h"
-#include "scsi/sg_transport.h"
 #include "support/support.h"
 #include "support/wire.h"
 
@@ -145,19 +142,6 @@ TEST_F(InventoryTest, DiscoveryReadsEachServedDiskIdentity) {
     for (const auto& o : SettledOpens(rig.client())) {
         EXPECT_TRUE(o.close || o.flags == 0) << o.lun;
     }
-    // Mode 1 opens read-only, any other mode read-write.
-    for (const int mode : {0, 1, 2}) {
-        hic::UniqueFd fd(HIC_OpenDevByPath("/dev/sdb", mode));
-        EXPECT_TRUE(fd.Valid());
-    }
-    std::vector<int> flags;
-    for (const auto& o : SettledOpens(rig.client(), "sdb")) {
-        if (!o.close) {
-            flags.push_back(o.flags);
-        }
-    }
-    EXPECT_EQ(std::vector<int>(flags.end() - 3, flags.end()),
-              (std::vector<int>{O_RDWR, O_RDONLY, O_RDWR}));
 
     // A refresh right behind the start of a collection, before its thread
     // has left the idle state, frees none of the LUN records it walks (a

@@ -51,19 +51,6 @@ inline std::string Err(const std::string& func, const std::string& msg) {
 inline std::string Debug(const std::string& func, const std::string& msg) {
     return "DEBUG " + func + ": " + msg;
 }
-inline void AddTo(LogList& out, const std::string& line) {
-    out.push_back(line);
-}
-inline void AddTo(LogList& out, const LogList& lines) {
-    out.insert(out.end(), lines.begin(), lines.end());
-}
-// Lines and lists of them, in order.
-template <typename... Parts>
-LogList Cat(const Parts&... parts) {
-    LogList out;
-    (AddTo(out, parts), ...);
-    return out;
-}
 // Whether want occurs in lines in its order, other lines between.
 bool InOrder(const LogList& lines, const LogList& want);
 // The lines that begin with prefix.

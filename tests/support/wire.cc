@@ -7,19 +7,11 @@
 
 namespace hic_test {
 
-Bytes VendorCdb(std::uint8_t op, std::uint64_t address, std::uint32_t length) {
-    return Join({{op, 0x00}, Be(address, 8), Be(length, 4), {0x81, 0x00}});
-}
-
-Bytes HeartbeatPayload(const HostFields& f) {
-    return Join({Hex("0081001C"), f.versions, f.hostIp, {0, f.ipType, 0, 0}});
-}
+namespace {
 
 Bytes ChunkHeader(std::uint32_t size, const HostFields& f) {
     return Join({Hex("0081"), Be(size, 4), Hex("1000"), f.versions, f.hostIp, {f.ipType, 0, 0, 0}});
 }
-
-namespace {
 
 // The request fields every command of the daemon carries.
 void ExpectRequest(const vnarray::CommandRecord& r, int direction, std::uint8_t cmdLen,
@@ -68,7 +60,10 @@ void ExpectEveryCommand(const std::vector<vnarray::CommandRecord>& commands,
                 EXPECT_EQ(r.cdb, Hex("C9 00 0000000000000000 0000001C 81 00"));
                 ExpectRequest(r, kToDev, 16, 28, O_RDWR);
                 ASSERT_NE(host, hosts.end()) << "a heartbeat to " << r.array;
-                EXPECT_EQ(r.data_out, HeartbeatPayload(host->second));
+                EXPECT_EQ(r.data_out, Join({Hex("0081001C"),
+                                            host->second.versions,
+                                            host->second.hostIp,
+                                            {0, host->second.ipType, 0, 0}}));
                 break;
             case 0xCA: {
                 ASSERT_GE(r.data_out.size(), 33U);
@@ -97,7 +92,7 @@ void ExpectChunks(const std::vector<vnarray::CommandRecord>& writes, const Bytes
         const auto offset = static_cast<std::uint32_t>(i * 4064);
         const std::uint32_t n = std::min(size - offset, 4064U);
         SCOPED_TRACE("chunk at " + std::to_string(offset));
-        EXPECT_EQ(writes[i].cdb, VendorCdb(0xCA, offset, 32 + n));
+        EXPECT_EQ(writes[i].cdb, Join({{0xCA, 0x00}, Be(offset, 8), Be(32 + n, 4), {0x81, 0x00}}));
         ExpectRequest(writes[i], -2, 16, 32 + n, O_RDWR);
         Bytes transfer = ChunkHeader(size, f);
         transfer.insert(transfer.end(), archive.begin() + offset, archive.begin() + offset + n);

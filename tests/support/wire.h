@@ -20,10 +20,6 @@ struct HostFields {
     std::uint8_t ipType = 0;
 };
 
-Bytes VendorCdb(std::uint8_t op, std::uint64_t address, std::uint32_t length);
-Bytes HeartbeatPayload(const HostFields& f);
-Bytes ChunkHeader(std::uint32_t size, const HostFields& f);
-
 // Every command the array got: INQUIRY of the pages and lengths the daemon
 // reads, read-only; 0xC7 read-only; 0xC9 read-write with the array's
 // payload; 0xCA read-write with a well-formed header. hosts gives each
