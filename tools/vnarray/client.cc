@@ -166,10 +166,6 @@ std::uint64_t Client::InjectFault(const Json& fault) {
     return Call(j)["id"].get<std::uint64_t>();
 }
 
-void Client::ClearFault(std::uint64_t id) {
-    Call({{"cmd", "clear"}, {"id", id}});
-}
-
 void Client::ClearFaults(const std::string& lun) {
     Call(Filtered("clear", "lun", lun));
 }
@@ -210,15 +206,6 @@ Bytes Client::UploadData(const std::string& array, std::optional<std::uint64_t> 
         j["index"] = *index;
     }
     return FromHex(Call(j)["data"].get<std::string>()).value_or(Bytes{});
-}
-
-void Client::SaveUpload(const std::string& array, std::optional<std::uint64_t> index,
-                        const std::string& path) {
-    Json j = {{"cmd", "save-upload"}, {"array", array}, {"path", path}};
-    if (index) {
-        j["index"] = *index;
-    }
-    Call(j);
 }
 
 void Client::Reset() {

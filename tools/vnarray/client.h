@@ -50,7 +50,6 @@ class Client {
     void SetVersion(const std::string& array, int major, int minor);
     // Fault fields as in codec.h, e.g. {{"lun", "sdb"}, {"kind", "c7"}, {"status", 2}}.
     std::uint64_t InjectFault(const Json& fault);
-    void ClearFault(std::uint64_t id);
     void ClearFaults(const std::string& lun = "");
     void AddLun(const Json& lun);
     void RemoveLun(const std::string& dev);
@@ -63,8 +62,6 @@ class Client {
     std::vector<UploadAttempt> Uploads(const std::string& array = "");
     // The bytes of an upload attempt (default: the array's last).
     Bytes UploadData(const std::string& array, std::optional<std::uint64_t> index = {});
-    void SaveUpload(const std::string& array, std::optional<std::uint64_t> index,
-                    const std::string& path);
     void Reset();
     void Quit();
 
