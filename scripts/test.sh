@@ -58,12 +58,20 @@ step "fuzzers (clang, ASan+UBSan, ${HIC_FUZZ_SECONDS:-30} s each)"
 configure "$out/fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHIC_BUILD_TESTS=OFF -DHIC_BUILD_FUZZ=ON \
   -DHIC_SANITIZE=address -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 cmake --build "$out/fuzz" --target bounded_fuzz settings_fuzz -j "$jobs"
-for f in bounded settings; do
+# Both at once: each fuzzer keeps one core busy.
+fuzzers=(bounded settings)
+pids=()
+for f in "${fuzzers[@]}"; do
   corpus=$out/fuzz/corpus-$f
   mkdir -p "$corpus"
   if [ -d "fuzz/corpus/$f" ]; then cp -n "fuzz/corpus/$f"/* "$corpus"/ 2>/dev/null || true; fi
   "$out/fuzz/fuzz/${f}_fuzz" -max_total_time="${HIC_FUZZ_SECONDS:-30}" -print_final_stats=0 "$corpus" \
-    >"$out/fuzz/$f.log" 2>&1 || { tail -40 "$out/fuzz/$f.log"; exit 1; }
+    >"$out/fuzz/$f.log" 2>&1 &
+  pids+=($!)
+done
+for i in "${!fuzzers[@]}"; do
+  f=${fuzzers[$i]}
+  wait "${pids[$i]}" || { tail -40 "$out/fuzz/$f.log"; exit 1; }
   grep -E '^Done|DONE' "$out/fuzz/$f.log" | tail -1 || true
 done
 
