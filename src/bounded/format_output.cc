@@ -17,7 +17,7 @@ int BoundedWrite(char* dest, uint32_t size, const char* format, va_list args) {
     }
     // An engine error after the buffer is already full is a truncation as
     // well: the text produced so far did not fit with its NUL.
-    if (count >= 0 || count == kEngineNoRoom || left == 0) {
+    if (count == kEngineNoRoom || left == 0) {
         dest[size - 1] = '\0';
         return kWriterTruncated;
     }
