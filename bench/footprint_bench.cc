@@ -13,14 +13,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
 
 #include "client.h"
+#include "support/support.h"
 
 namespace {
 
@@ -28,27 +26,6 @@ constexpr const char* kPidFile = "/Vornal/install/otherTools/hostInfoCollect.pid
 constexpr const char* kLog = "/opt/Vornal/log/hostinfotool.log";
 constexpr double kSpeed = 100.0;
 constexpr double kPassSeconds = 30.0 / kSpeed;
-
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void Put(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-bool WaitFor(const std::function<bool()>& done, double seconds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
-}
 
 struct Sample {
     long rssKib = 0;
@@ -60,7 +37,7 @@ struct Sample {
 Sample Measure(pid_t pid) {
     Sample s;
     const std::string proc = "/proc/" + std::to_string(pid);
-    std::istringstream status(Slurp(proc + "/status"));
+    std::istringstream status(hic_test::ReadFile(proc + "/status"));
     std::string line;
     while (std::getline(status, line)) {
         if (line.rfind("VmRSS:", 0) == 0) {
@@ -76,7 +53,7 @@ Sample Measure(pid_t pid) {
         ::closedir(d);
     }
     // utime and stime are fields 14 and 15, after the parenthesised name.
-    const std::string stat = Slurp(proc + "/stat");
+    const std::string stat = hic_test::ReadFile(proc + "/stat");
     std::istringstream rest(stat.substr(stat.rfind(')') + 2));
     std::string field;
     unsigned long ticks = 0;
@@ -98,19 +75,22 @@ class Host {
         }
         (void)std::remove(kLog);
         (void)std::remove(kPidFile);
-        Put("/etc/vn.hostinfo", "IpType=IPv4;\nIpAddress=10.0.0.1;\n");
-        Put("/Vornal/install/otherTools/hic_collect.sh",
+        hic_test::WriteFile("/etc/vn.hostinfo", "IpType=IPv4;\nIpAddress=10.0.0.1;\n");
+        hic_test::WriteFile(
+            "/Vornal/install/otherTools/hic_collect.sh",
             "#!/bin/sh\nd=$(dirname \"$0\")\nhead -c 20000 /dev/urandom > \"$d/a.data\"\n"
             "echo done > \"$d/CollectLog_x.txt\"\n");
-        Put("/Vornal/install/otherTools/hic_data.sh", "#!/bin/sh\n");
-        Put("/run/vnadmin/show_version", "Driver 31.1.0\n");
-        Put("/run/vnadmin/show_vlun", "0 sdb 0 6e000000000000000000000000000001 Normal\n");
+        hic_test::WriteFile("/Vornal/install/otherTools/hic_data.sh", "#!/bin/sh\n");
+        hic_test::WriteFile("/run/vnadmin/show_version", "Driver 31.1.0\n");
+        hic_test::WriteFile("/run/vnadmin/show_vlun",
+                            "0 sdb 0 6e000000000000000000000000000001 Normal\n");
         rig_.Start();
         const std::string cmd =
             std::string("env LD_PRELOAD=/usr/lib/x86_64-linux-gnu/faketime/libfaketime.so.1") +
             " FAKETIME='+0 x" + std::to_string(static_cast<int>(kSpeed)) +
             "' /usr/sbin/vn_hostinfo";
-        if (std::system(cmd.c_str()) != 0 || !WaitFor([&] { return ReadPid() > 0; }, 10)) {
+        if (std::system(cmd.c_str()) != 0 ||
+            !hic_test::WaitFor([&] { return ReadPid() > 0; }, 10)) {
             std::fprintf(stderr, "the daemon did not start; is it installed in this sandbox?\n");
             std::exit(1);
         }
@@ -128,7 +108,7 @@ class Host {
 
   private:
     static pid_t ReadPid() {
-        const std::string text = Slurp(kPidFile);
+        const std::string text = hic_test::ReadFile(kPidFile);
         return text.empty() ? -1 : static_cast<pid_t>(std::atol(text.c_str()));
     }
 
@@ -177,7 +157,7 @@ void BM_Collections(benchmark::State& state) {
             std::snprintf(version, sizeof(version), "%08x", static_cast<unsigned>(i));
             host.array().RaiseSwitch("ARRAY01", version);
             // Complete at the array, then back to idle with the workspace gone.
-            const bool ok = WaitFor(
+            const bool ok = hic_test::WaitFor(
                 [&] {
                     const auto uploads = host.array().Uploads("ARRAY01");
                     return static_cast<int>(uploads.size()) == i && uploads.back().complete &&
